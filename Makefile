@@ -1,0 +1,52 @@
+# The user's entry points. CMake does the building; these targets pick the
+# build folder and flags.
+#   make            Release build: build/sonderlark and build/sonderlark-sim
+#   make test       install what is missing, ASan+UBSan build, every test
+#   make demo       a one-shot run against a simulated array, no hardware needed
+#   make bench      Release benchmarks
+#   make fuzz       both fuzz targets for FUZZ_SECONDS each (clang)
+#   make install    PREFIX=/usr/local by default; make uninstall removes it again
+
+PREFIX ?= /usr/local
+FUZZ_SECONDS ?= 60
+JOBS ?= $(shell nproc 2>/dev/null || echo 2)
+
+.PHONY: all build test demo bench fuzz install uninstall deps clean
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+build: deps
+	cmake -S . -B build -DCMAKE_BUILD_TYPE=Release -DSONDERLARK_TESTS=OFF >/dev/null
+	cmake --build build -j $(JOBS)
+
+test: deps
+	cmake -S . -B build-test -DCMAKE_BUILD_TYPE=Debug -DSONDERLARK_SANITIZE=ON >/dev/null
+	cmake --build build-test -j $(JOBS)
+	cd build-test && ctest --output-on-failure -j $(JOBS)
+	@if [ -n "$$CI" ]; then $(MAKE) --no-print-directory fuzz FUZZ_SECONDS=60; fi
+
+demo: build
+	scripts/demo
+
+bench: deps
+	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DSONDERLARK_TESTS=OFF -DSONDERLARK_BENCH=ON >/dev/null
+	cmake --build build-bench -j $(JOBS)
+	build-bench/bench/sonderlark_bench
+
+fuzz: deps
+	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSONDERLARK_TESTS=OFF -DSONDERLARK_FUZZ=ON >/dev/null
+	cmake --build build-fuzz -j $(JOBS)
+	scripts/run-fuzz build-fuzz $(FUZZ_SECONDS)
+
+install: build
+	cmake --install build --prefix "$(PREFIX)"
+
+uninstall:
+	@if [ -f build/install_manifest.txt ]; then xargs -d '\n' rm -fv < build/install_manifest.txt; \
+	else echo "nothing installed from this build (no build/install_manifest.txt)"; fi
+
+clean:
+	rm -rf build build-test build-bench build-fuzz

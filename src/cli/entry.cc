@@ -1,0 +1,66 @@
+#include "cli/entry.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include "cli/exit_status.h"
+#include "cli/one_shot.h"
+#include "cli/options.h"
+#include "live/live_mode.h"
+#include "util/logger.h"
+#include "util/text.h"
+
+namespace sonderlark {
+namespace {
+
+// Capture (or input selection), then the analysis. May throw.
+int run_one_shot(Options& options, Logger& logger) {
+  if (!options.skip_capture) {
+    const std::string command = "arecord -D " + shell_quote(options.device) + " -f S32_LE -r " +
+                                std::to_string(16000) + " -c " + std::to_string(4) + " -d " +
+                                std::to_string(options.duration_seconds) + " -t wav " +
+                                shell_quote(options.output_path);
+    logger.line("capture command: " + command);
+    std::cout.flush();  // our lines before arecord's own output
+    const int status = std::system(command.c_str());
+    if (status != 0) {
+      logger.line("error: arecord capture failed with status " + std::to_string(status));
+      return kExitCaptureFailed;
+    }
+  } else if (!options.input_wav_path.empty()) {
+    options.output_path = options.input_wav_path;
+    logger.line("capture skipped; analyzing input WAV: " + options.input_wav_path);
+  } else {
+    logger.line("capture skipped; analyzing output WAV path: " + options.output_path);
+  }
+  return run_one_shot_analysis(options, logger);
+}
+
+}  // namespace
+
+int run_sonderlark(int argc, char** argv) {
+  Options options;
+  if (!parse_args(argc, argv, options)) {
+    print_usage(argc > 0 && argv[0] != nullptr ? argv[0] : "sonderlark");
+    return kExitUsage;
+  }
+
+  Logger logger;
+  open_log(logger, options.log_path);
+  logger.line("Sonderlark v1.4.0 capture/live-global-mic/input-gain/direction/beamforming/event tool");
+  logger.line("scope: Sonderscope only; no Halcyra integration; no system audio configuration changes");
+  logger.line("device: " + options.device);
+
+  try {
+    if (options.live) return run_live_mode(options, logger);
+    return run_one_shot(options, logger);
+  } catch (const std::exception& e) {
+    logger.line(std::string("error: ") + e.what());
+    return kExitError;
+  }
+}
+
+}  // namespace sonderlark

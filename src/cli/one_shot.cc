@@ -1,0 +1,100 @@
+#include "cli/one_shot.h"
+
+#include <string>
+#include <vector>
+
+#include "audio/wav.h"
+#include "dsp/beam.h"
+#include "dsp/diagnostics.h"
+#include "dsp/direction.h"
+#include "dsp/gain.h"
+#include "report/json.h"
+#include "report/manifest.h"
+#include "util/text.h"
+
+namespace sonderlark {
+namespace {
+
+constexpr int32_t kExpectedSampleRate = 16000;
+constexpr int32_t kExpectedChannels = 4;
+
+void append(std::vector<std::string>& warnings, const std::vector<std::string>& more) {
+  warnings.insert(warnings.end(), more.begin(), more.end());
+}
+
+}  // namespace
+
+int run_one_shot_analysis(const Options& options, Logger& logger) {
+  const WavData input = read_wav(options.output_path);
+  double duration = 0.0;
+  if (!input.samples.empty() && input.sample_rate > 0) {
+    duration = static_cast<double>(input.samples[0].size()) / input.sample_rate;
+  }
+  logger.line("sample_rate: " + std::to_string(input.sample_rate));
+  logger.line("channels: " + std::to_string(input.channels));
+  logger.line("duration_seconds: " + fixed(duration, 6));
+  logger.line("input_gain_db: " + fixed(options.input_gain_db, 6));
+  logger.line("raw audio is preserved unchanged; gain is applied only to processed analysis/beamforming samples");
+
+  std::vector<std::string> warnings;
+  if (input.sample_rate != kExpectedSampleRate) {
+    warnings.push_back("sample rate differs from expected 16000 Hz");
+  }
+  if (input.channels != kExpectedChannels) {
+    warnings.push_back("channel count differs from expected Kinect v2 4-channel capture");
+  }
+
+  const ChannelDiagnostics raw = diagnose_channels(input, "raw channel");
+  append(warnings, raw.warnings);
+
+  std::vector<std::string> gain_warnings;
+  const WavData processed = apply_input_gain(input, options.input_gain_db, gain_warnings);
+  append(warnings, gain_warnings);
+
+  const ChannelDiagnostics processed_levels = diagnose_channels(processed, "processed channel");
+  append(warnings, processed_levels.warnings);
+
+  const DirectionEstimate direction = estimate_direction(processed, "processed");
+  if (direction.low_confidence) {
+    warnings.push_back("direction confidence is low; angle should be treated as a weak hint only");
+  }
+
+  const BeamformResult beam = beamform_delay_and_sum(processed, direction);
+  write_mono_wav(options.beamformed_path, input.sample_rate, beam.samples);
+
+  WavData beam_record;
+  beam_record.sample_rate = input.sample_rate;
+  beam_record.channels = 1;
+  beam_record.bits_per_sample = 16;
+  beam_record.samples.push_back(beam.samples);
+  const ChannelDiagnostics beam_levels = diagnose_channels(beam_record, "beamformed channel");
+  append(warnings, beam_levels.warnings);
+
+  log_diagnostics(logger, "raw 4-channel levels (unmodified capture)", raw);
+  log_diagnostics(logger, "processed 4-channel levels (after input gain)", processed_levels);
+  log_diagnostics(logger, "beamformed mono levels (from processed audio)", beam_levels);
+
+  logger.line("direction_angle_degrees: " + fixed(direction.angle_degrees, 6));
+  logger.line("direction_confidence: " + fixed(direction.confidence, 6));
+  logger.line("direction_method: " + direction.method);
+  logger.line("direction_samples_source: " + direction.samples_source);
+  logger.line(std::string("direction_low_confidence: ") + (direction.low_confidence ? "true" : "false"));
+  logger.line("direction_lag_samples_ch0_to_ch3: " + std::to_string(direction.lag_samples_ch0_to_ch3));
+  logger.line("direction_peak_correlation: " + fixed(direction.peak_correlation, 6));
+  logger.line("direction_lag_consistency: " + fixed(direction.lag_consistency, 6));
+  logger.line("beamforming_method: " + beam.method);
+  logger.line("beamforming_lags: " + int_vector_json(beam.lags));
+
+  for (const std::string& warning : warnings) logger.line("warning: " + warning);
+
+  write_event_json(options.event_path, options, input, duration, raw, processed_levels, beam_levels,
+                   direction, beam, warnings);
+
+  logger.line("raw_wav: " + options.output_path);
+  logger.line("beamformed_wav: " + options.beamformed_path);
+  logger.line("event_json: " + options.event_path);
+  logger.line("clean exit");
+  return 0;
+}
+
+}  // namespace sonderlark

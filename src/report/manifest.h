@@ -1,0 +1,29 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "audio/wav.h"
+#include "cli/options.h"
+#include "dsp/beam.h"
+#include "dsp/diagnostics.h"
+#include "dsp/direction.h"
+
+namespace sonderlark {
+
+// Processed levels strictly above this on any channel count as speech.
+constexpr double kSpeechRmsThreshold = 0.003;
+
+// True when any entry of `processed_rms` is strictly above the speech threshold.
+bool detected_speech(const std::vector<double>& processed_rms);
+
+// Writes the one-shot event manifest (34 lines, fixed key order) to `path`,
+// in place. Throws "failed to write event JSON: PATH" when it cannot be
+// opened; write errors after that are not detected.
+void write_event_json(const std::string& path, const Options& options, const WavData& input,
+                      double duration, const ChannelDiagnostics& raw,
+                      const ChannelDiagnostics& processed, const ChannelDiagnostics& beamformed,
+                      const DirectionEstimate& direction, const BeamformResult& beam,
+                      const std::vector<std::string>& warnings);
+
+}  // namespace sonderlark

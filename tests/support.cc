@@ -1,0 +1,206 @@
+#include "support.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <stdexcept>
+
+extern char** environ;
+
+namespace sonderlark::test {
+
+TempDir::TempDir() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "sonderlark-test-XXXXXX").string();
+  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  dir = pattern;
+}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  std::filesystem::remove_all(dir, ignored);
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void write_file(const std::string& path, const std::string& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << bytes;
+}
+
+void write_bytes(const std::string& path, const std::vector<uint8_t>& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+std::vector<uint8_t> read_bytes(const std::string& path) {
+  const std::string s = read_file(path);
+  return std::vector<uint8_t>(s.begin(), s.end());
+}
+
+namespace {
+
+std::vector<std::string> child_environment(const std::map<std::string, std::optional<std::string>>& env) {
+  std::map<std::string, std::string> merged;
+  for (char** e = environ; *e != nullptr; ++e) {
+    const std::string entry = *e;
+    const std::size_t eq = entry.find('=');
+    if (eq != std::string::npos) merged[entry.substr(0, eq)] = entry.substr(eq + 1);
+  }
+  for (const auto& [key, value] : env) {
+    if (value) {
+      merged[key] = *value;
+    } else {
+      merged.erase(key);
+    }
+  }
+  std::vector<std::string> out;
+  for (const auto& [key, value] : merged) out.push_back(key + "=" + value);
+  return out;
+}
+
+int decode(int status) {
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+  return -1;
+}
+
+}  // namespace
+
+int spawn(const std::vector<std::string>& argv, const std::map<std::string, std::optional<std::string>>& env,
+          const std::string& out_path, const std::string& err_path, const std::string& cwd) {
+  const std::vector<std::string> envs = child_environment(env);
+  std::vector<char*> c_argv;
+  for (const auto& a : argv) c_argv.push_back(const_cast<char*>(a.c_str()));
+  c_argv.push_back(nullptr);
+  std::vector<char*> c_env;
+  for (const auto& e : envs) c_env.push_back(const_cast<char*>(e.c_str()));
+  c_env.push_back(nullptr);
+
+  const pid_t pid = fork();
+  if (pid < 0) throw std::runtime_error("fork failed");
+  if (pid == 0) {
+    const int in = open("/dev/null", O_RDONLY);
+    const int out = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int err = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (in < 0 || out < 0 || err < 0) _exit(126);
+    dup2(in, 0);
+    dup2(out, 1);
+    dup2(err, 2);
+    if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
+    environ = c_env.data();
+    execvp(c_argv[0], c_argv.data());
+    _exit(127);
+  }
+  return pid;
+}
+
+int wait_child(int pid) {
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return -1;
+  }
+  return decode(status);
+}
+
+RunResult run(const std::vector<std::string>& argv, const std::map<std::string, std::optional<std::string>>& env,
+              const std::string& cwd) {
+  TempDir io;
+  const std::string out = io.path("stdout");
+  const std::string err = io.path("stderr");
+  RunResult result;
+  result.exit_code = wait_child(spawn(argv, env, out, err, cwd));
+  result.out = read_file(out);
+  result.err = read_file(err);
+  return result;
+}
+
+std::string tool_path() { return SONDERLARK_BIN; }
+std::string sim_path() { return SONDERLARK_SIM; }
+std::string source_path(const std::string& relative) { return std::string(SONDERLARK_SOURCE_DIR) + "/" + relative; }
+
+std::vector<double> white_noise(std::size_t n, double amplitude, uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::vector<double> x(n);
+  // Straight from the generator's integers: identical with every library.
+  for (double& v : x) v = amplitude * ((static_cast<double>(rng()) - 2147483648.0) / 2147483648.0);
+  return x;
+}
+
+std::vector<double> shifted(const std::vector<double>& x, int delay) {
+  std::vector<double> y(x.size(), 0.0);
+  const int64_t n = static_cast<int64_t>(x.size());
+  for (int64_t i = 0; i < n; ++i) {
+    const int64_t j = i - delay;
+    if (j >= 0 && j < n) y[static_cast<std::size_t>(i)] = x[static_cast<std::size_t>(j)];
+  }
+  return y;
+}
+
+Bytes& Bytes::str(const std::string& s) {
+  data.insert(data.end(), s.begin(), s.end());
+  return *this;
+}
+Bytes& Bytes::u16(uint32_t v) {
+  data.push_back(static_cast<uint8_t>(v & 0xFF));
+  data.push_back(static_cast<uint8_t>((v >> 8) & 0xFF));
+  return *this;
+}
+Bytes& Bytes::u32(uint32_t v) {
+  for (int s = 0; s < 32; s += 8) data.push_back(static_cast<uint8_t>((v >> s) & 0xFF));
+  return *this;
+}
+Bytes& Bytes::pad(std::size_t n, uint8_t value) {
+  data.insert(data.end(), n, value);
+  return *this;
+}
+Bytes& Bytes::append(const Bytes& other) {
+  data.insert(data.end(), other.data.begin(), other.data.end());
+  return *this;
+}
+
+Bytes fmt_chunk(uint32_t tag, uint32_t channels, uint32_t rate, uint32_t bits, std::size_t extra) {
+  const uint32_t block = channels * bits / 8;
+  Bytes b;
+  b.str("fmt ").u32(static_cast<uint32_t>(16 + extra)).u16(tag).u16(channels).u32(rate).u32(rate * block);
+  b.u16(block).u16(bits).pad(extra);
+  if (extra % 2 == 1) b.pad(1);
+  return b;
+}
+
+Bytes riff(const Bytes& chunks) {
+  Bytes b;
+  b.str("RIFF").u32(static_cast<uint32_t>(4 + chunks.data.size())).str("WAVE").append(chunks);
+  return b;
+}
+
+Bytes pcm_wav(uint32_t channels, uint32_t rate, uint32_t bits, const std::vector<int64_t>& interleaved) {
+  Bytes data;
+  data.str("data").u32(static_cast<uint32_t>(interleaved.size() * bits / 8));
+  for (int64_t v : interleaved) {
+    if (bits == 16) {
+      data.i16(static_cast<int>(v));
+    } else {
+      data.i32(v);
+    }
+  }
+  Bytes chunks = fmt_chunk(1, channels, rate, bits);
+  chunks.append(data);
+  return riff(chunks);
+}
+
+void write_alsa_file_device(const std::string& config_home, const std::string& name, const std::string& infile) {
+  std::filesystem::create_directories(config_home + "/alsa");
+  write_file(config_home + "/alsa/asoundrc",
+             "pcm." + name + " {\n  type file\n  slave.pcm \"null\"\n  file \"/dev/null\"\n  infile \"" +
+                 infile + "\"\n  format \"raw\"\n}\n");
+}
+
+}  // namespace sonderlark::test

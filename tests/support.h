@@ -1,0 +1,84 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <initializer_list>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace sonderlark::test {
+
+// A fresh directory under the system temp dir, removed with its contents.
+struct TempDir {
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  std::string path(const std::string& name) const { return (dir / name).string(); }
+  std::filesystem::path dir;
+};
+
+std::string read_file(const std::string& path);
+void write_file(const std::string& path, const std::string& bytes);
+void write_bytes(const std::string& path, const std::vector<uint8_t>& bytes);
+std::vector<uint8_t> read_bytes(const std::string& path);
+
+// A finished child process.
+struct RunResult {
+  int exit_code = -1;  // exit code, or 128 + signal
+  std::string out;
+  std::string err;
+};
+
+// Runs argv[0] (searched on PATH) with the environment changed by `env`
+// (an empty optional value unsets the variable), in `cwd` when not empty,
+// and waits for it.
+RunResult run(const std::vector<std::string>& argv,
+              const std::map<std::string, std::optional<std::string>>& env = {},
+              const std::string& cwd = "");
+
+// Starts a child in the background; its stdout/stderr go to the given files.
+int spawn(const std::vector<std::string>& argv,
+          const std::map<std::string, std::optional<std::string>>& env, const std::string& out_path,
+          const std::string& err_path, const std::string& cwd = "");
+// Waits for a child started by spawn; returns exit code or 128 + signal.
+int wait_child(int pid);
+
+// Paths of the built programs and of the source tree.
+std::string tool_path();
+std::string sim_path();
+std::string source_path(const std::string& relative);
+
+// Seeded white noise, uniform in [-amplitude, amplitude).
+std::vector<double> white_noise(std::size_t n, double amplitude, uint32_t seed);
+
+// x delayed by `delay` whole samples (zeros shifted in); negative delays lead.
+std::vector<double> shifted(const std::vector<double>& x, int delay);
+
+// Little-endian byte builder for hand-made WAV files.
+struct Bytes {
+  std::vector<uint8_t> data;
+  Bytes& str(const std::string& s);
+  Bytes& u16(uint32_t v);
+  Bytes& u32(uint32_t v);
+  Bytes& i16(int v) { return u16(static_cast<uint16_t>(v)); }
+  Bytes& i32(int64_t v) { return u32(static_cast<uint32_t>(v)); }
+  Bytes& pad(std::size_t n, uint8_t value = 0);
+  Bytes& append(const Bytes& other);
+};
+
+// "fmt " chunk with the given fields (16-byte body unless extra bytes follow).
+Bytes fmt_chunk(uint32_t tag, uint32_t channels, uint32_t rate, uint32_t bits, std::size_t extra = 0);
+// A RIFF/WAVE file around the given chunks (RIFF size field computed).
+Bytes riff(const Bytes& chunks);
+// A canonical PCM file of interleaved integer samples.
+Bytes pcm_wav(uint32_t channels, uint32_t rate, uint32_t bits, const std::vector<int64_t>& interleaved);
+
+// Writes an ALSA configuration defining `pcm.<name>` as a file-backed
+// capture device reading `infile`, under `config_home`/alsa/asoundrc.
+void write_alsa_file_device(const std::string& config_home, const std::string& name,
+                            const std::string& infile);
+
+}  // namespace sonderlark::test

@@ -1,0 +1,108 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <ctime>
+#include <limits>
+#include <regex>
+
+#include "report/json.h"
+#include "support.h"
+#include "util/logger.h"
+#include "util/text.h"
+
+namespace sonderlark {
+namespace {
+
+TEST(ShellQuote, Samples) {
+  EXPECT_EQ(shell_quote("it's"), "'it'\\''s'");
+  EXPECT_EQ(shell_quote(""), "''");
+  EXPECT_EQ(shell_quote("a b\nc"), "'a b\nc'");
+  EXPECT_EQ(shell_quote("$(rm -rf x) `y` \\ \xC3\xA9"), "'$(rm -rf x) `y` \\ \xC3\xA9'");
+  EXPECT_EQ(shell_quote("hw:1,0"), "'hw:1,0'");
+}
+
+TEST(ShellQuote, TheShellGetsBackTheSameText) {
+  const std::string nasty = "a'b \"c\" $(echo x) `id` \\n\n;|&*? ''";
+  const test::RunResult r = test::run({"sh", "-c", "printf '%s' " + shell_quote(nasty)});
+  EXPECT_EQ(r.out, nasty);
+}
+
+TEST(JsonEscape, Samples) {
+  EXPECT_EQ(json_escape("\r\n"), "\\r\\n");
+  EXPECT_EQ(json_escape("C:\\dir"), "C:\\\\dir");
+  EXPECT_EQ(json_escape("say \"hi\""), "say \\\"hi\\\"");
+  EXPECT_EQ(json_escape("\t"), "\\t");
+  EXPECT_EQ(json_escape(std::string("\x01\x1f\x7f/\xC3\xA9", 6)), std::string("\x01\x1f\x7f/\xC3\xA9", 6));
+  EXPECT_EQ(json_escape(""), "");
+  EXPECT_EQ(json_string("a\"b"), "\"a\\\"b\"");
+}
+
+TEST(VectorJson, Samples) {
+  const double inf = std::numeric_limits<double>::infinity();
+  EXPECT_EQ(vector_json({}), "[]");
+  EXPECT_EQ(vector_json({0.5, -0.25}), "[0.50000000, -0.25000000]");
+  EXPECT_EQ(vector_json({1.0}), "[1.00000000]");
+  EXPECT_EQ(vector_json({-1e-12, -0.0}), "[-0.00000000, -0.00000000]");
+  EXPECT_EQ(vector_json({0.123456789}), "[0.12345679]");
+  EXPECT_EQ(vector_json({inf, -inf, std::nan("")}), "[inf, -inf, nan]");
+  EXPECT_EQ(int_vector_json({}), "[]");
+  EXPECT_EQ(int_vector_json({3, -1, 0}), "[3, -1, 0]");
+}
+
+TEST(Fixed, RoundsLikePrintf) {
+  EXPECT_EQ(fixed(5.0, 6), "5.000000");
+  EXPECT_EQ(fixed(-12.5, 6), "-12.500000");
+  EXPECT_EQ(fixed(-14.47751, 2), "-14.48");
+  EXPECT_EQ(fixed(-0.001, 2), "-0.00");
+  EXPECT_EQ(fixed(12, 1), "12.0");
+  EXPECT_EQ(fixed(0.25, 1), "0.2");  // the exact binary half rounds to even, as printf does
+  EXPECT_EQ(fixed(1e300, 0).size(), 301u);
+}
+
+TEST(NowIso8601Utc, PatternAndClock) {
+  const std::time_t before = std::time(nullptr);
+  const std::string stamp = now_iso8601_utc();
+  const std::time_t after = std::time(nullptr);
+  ASSERT_TRUE(std::regex_match(stamp, std::regex(R"(\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}Z)"))) << stamp;
+  std::tm parsed{};
+  strptime(stamp.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parsed);
+  const std::time_t t = timegm(&parsed);
+  EXPECT_GE(t, before);
+  EXPECT_LE(t, after);
+}
+
+TEST(ReadTextFile, WholeFileOrEmpty) {
+  test::TempDir tmp;
+  EXPECT_EQ(read_text_file(tmp.path("missing")), "");
+  const std::string content("line 1\r\n\0binary\n  ", 19);
+  test::write_file(tmp.path("f"), content);
+  EXPECT_EQ(read_text_file(tmp.path("f")), content);
+}
+
+TEST(Logger, TruncatesAndFlushesEveryLine) {
+  test::TempDir tmp;
+  const std::string path = tmp.path("log.txt");
+  test::write_file(path, "old content that must go away\n");
+  Logger logger;
+  open_log(logger, path);
+  testing::internal::CaptureStdout();
+  logger.line("first");
+  EXPECT_EQ(test::read_file(path), "first\n");  // flushed without closing
+  logger.line("");
+  logger.line("multi\nline");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "first\n\nmulti\nline\n");
+  EXPECT_EQ(test::read_file(path), "first\n\nmulti\nline\n");
+}
+
+TEST(Logger, UnopenableLogIsSilent) {
+  test::TempDir tmp;
+  Logger logger;
+  open_log(logger, tmp.path("no/such/dir/log.txt"));
+  EXPECT_FALSE(logger.file.is_open());
+  testing::internal::CaptureStdout();
+  logger.line("still here");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "still here\n");
+}
+
+}  // namespace
+}  // namespace sonderlark

@@ -1,1 +1,106 @@
 #include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "live/capture.h"
+#include "support.h"
+
+namespace sonderlark {
+namespace {
+
+// A stand-in arecord, first on PATH, that records its arguments NUL-separated
+// and exits with `code`. For failure injection and argument checks only.
+std::string install_stand_in(const test::TempDir& tmp, int code) {
+  const std::string bin = tmp.path("bin");
+  std::filesystem::create_directories(bin);
+  test::write_file(bin + "/arecord", "#!/bin/sh\nprintf '%s\\0' \"$@\" > \"$ARGS_FILE\"\nexit " +
+                                         std::to_string(code) + "\n");
+  std::filesystem::permissions(bin + "/arecord", std::filesystem::perms::owner_all);
+  return bin + ":" + std::getenv("PATH");
+}
+
+std::vector<std::string> split_nul(const std::string& s) {
+  std::vector<std::string> parts;
+  std::size_t start = 0;
+  for (std::size_t i = 0; i < s.size(); ++i) {
+    if (s[i] == '\0') {
+      parts.push_back(s.substr(start, i - start));
+      start = i + 1;
+    }
+  }
+  return parts;
+}
+
+TEST(OneShotCapture, HostileDeviceAndPathReachArecordUnchanged) {
+  test::TempDir tmp;
+  const std::string device = "it's a $(touch pwned) `id`\nnext";
+  const std::string output = "out dir'$(touch pwned2).wav";
+  const test::RunResult r =
+      test::run({test::tool_path(), "--device", device, "--output", output, "--duration", "3", "--log", "",
+                 "--beamformed", "b.wav", "--event", "e.json"},
+                {{"PATH", install_stand_in(tmp, 0)}, {"ARGS_FILE", tmp.path("args")}}, tmp.dir.string());
+  EXPECT_EQ(split_nul(test::read_file(tmp.path("args"))),
+            (std::vector<std::string>{"-D", device, "-f", "S32_LE", "-r", "16000", "-c", "4", "-d", "3", "-t", "wav",
+                                      output}));
+  EXPECT_FALSE(std::filesystem::exists(tmp.path("pwned")));
+  EXPECT_FALSE(std::filesystem::exists(tmp.path("pwned2")));
+  // The stand-in wrote no file, so the reader's error ends the run.
+  EXPECT_EQ(r.exit_code, 20);
+  EXPECT_NE(r.out.find("\nerror: failed to open WAV: " + output + "\n"), std::string::npos) << r.out;
+}
+
+TEST(OneShotCapture, FailingArecordEndsWithStatus10AndTheRawStatus) {
+  test::TempDir tmp;
+  const test::RunResult r = test::run({test::tool_path(), "--log", "log.txt", "--output", "raw.wav"},
+                                      {{"PATH", install_stand_in(tmp, 3)}, {"ARGS_FILE", tmp.path("args")}},
+                                      tmp.dir.string());
+  EXPECT_EQ(r.exit_code, 10);
+  const std::string expected =
+      "Sonderlark v1.4.0 capture/live-global-mic/input-gain/direction/beamforming/event tool\n"
+      "scope: Sonderscope only; no Halcyra integration; no system audio configuration changes\n"
+      "device: hw:1,0\n"
+      "capture command: arecord -D 'hw:1,0' -f S32_LE -r 16000 -c 4 -d 5 -t wav 'raw.wav'\n"
+      "error: arecord capture failed with status 768\n";
+  EXPECT_EQ(r.out, expected);
+  EXPECT_EQ(test::read_file(tmp.path("log.txt")), expected);
+}
+
+struct ExitCase {
+  std::string script;
+  int raw_status;
+  int exit_code;
+};
+
+TEST(StopCapture, DecodesRealChildrenLikeTheShell) {
+  const ExitCase cases[] = {
+      {"exit 0", 0, 0},
+      {"exit 1", 256, 1},
+      {"exit 255", 65280, 255},
+      {"kill -9 $$", 9, 137},
+      {"kill -PIPE $$", 13, 141},
+      {"no_such_command_here 2>/dev/null", 127 << 8, 127},
+  };
+  Logger logger;
+  for (const ExitCase& c : cases) {
+    SCOPED_TRACE(c.script);
+    CaptureChild child;
+    child.launch_command = c.script;
+    ASSERT_TRUE(start_capture(child, logger));
+    char byte;
+    EXPECT_EQ(std::fread(&byte, 1, 1, child.pipe), 0u);  // the stream ends
+    const CaptureStop stop = stop_capture(child);
+    EXPECT_EQ(stop.raw_status, c.raw_status);
+    EXPECT_EQ(stop.exit_code, c.exit_code);
+    EXPECT_EQ(child.pipe, nullptr);
+  }
+  EXPECT_EQ(decode_exit_code(0x137F), 0x137F);  // a stopped child is reported raw
+}
+
+TEST(CaptureCommands, QuotedDeviceAndRedirection) {
+  EXPECT_EQ(build_capture_command("hw:1,0"), "arecord -D 'hw:1,0' -f S32_LE -r 16000 -c 4 -t raw");
+  EXPECT_EQ(build_launch_command(build_capture_command("a'b"), "/s p/x.json.arecord.stderr"),
+            "arecord -D 'a'\\''b' -f S32_LE -r 16000 -c 4 -t raw 2> '/s p/x.json.arecord.stderr'");
+}
+
+}  // namespace
+}  // namespace sonderlark

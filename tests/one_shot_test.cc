@@ -1,1 +1,208 @@
 #include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <regex>
+
+#include "audio/wav.h"
+#include "support.h"
+
+namespace sonderlark {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kBanner =
+    "Sonderlark v1.4.0 capture/live-global-mic/input-gain/direction/beamforming/event tool\n"
+    "scope: Sonderscope only; no Halcyra integration; no system audio configuration changes\n";
+
+// Interleaved integer PCM of channels full scale 1.0 at the given width.
+std::vector<int64_t> interleave(const std::vector<std::vector<double>>& channels, int bits) {
+  std::vector<int64_t> out;
+  const double scale = bits == 16 ? 32768.0 : 2147483648.0;
+  for (std::size_t f = 0; f < channels[0].size(); ++f) {
+    for (const auto& ch : channels) out.push_back(static_cast<int64_t>(std::lround(ch[f] * (scale - 1))));
+  }
+  return out;
+}
+
+// Noise arriving at channel c round(c x lag / 3) samples after channel 0.
+std::vector<std::vector<double>> array_noise(int lag, std::size_t frames, double amplitude, uint32_t seed) {
+  const std::vector<double> source = test::white_noise(frames, amplitude, seed);
+  std::vector<std::vector<double>> channels;
+  for (int c = 0; c < 4; ++c) channels.push_back(test::shifted(source, static_cast<int>(std::lround(c * lag / 3.0))));
+  return channels;
+}
+
+struct GoldenCase {
+  std::string name;
+  test::Bytes input;
+  std::vector<std::string> extra_args;
+};
+
+void PrintTo(const GoldenCase& c, std::ostream* os) { *os << c.name; }
+
+std::vector<GoldenCase> golden_cases() {
+  std::vector<std::vector<double>> stereo = {test::white_noise(4800, 0.2, 21), test::white_noise(4800, 0.2, 22)};
+  return {
+      {"noise_lag5", test::pcm_wav(4, 16000, 32, interleave(array_noise(5, 4000, 0.3, 1), 32)), {}},
+      {"silence", test::pcm_wav(4, 16000, 32, std::vector<int64_t>(4 * 3200, 0)), {}},
+      {"stereo_48k_16bit", test::pcm_wav(2, 48000, 16, interleave(stereo, 16)), {}},
+      {"clipping_gain", test::pcm_wav(4, 16000, 32, interleave(array_noise(-2, 4000, 0.3, 2), 32)),
+       {"--input-gain-db", "36"}},
+  };
+}
+
+std::string golden_path(const std::string& name, const std::string& ext) {
+  return test::source_path("tests/golden/" + name + ext);
+}
+
+// Checks the timestamp's pattern, then masks it.
+std::string mask_timestamp(const std::string& manifest) {
+  const std::regex stamp(R"("timestamp": "\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}Z")");
+  EXPECT_TRUE(std::regex_search(manifest, stamp));
+  return std::regex_replace(manifest, stamp, "\"timestamp\": \"TIMESTAMP\"");
+}
+
+class GoldenRun : public testing::TestWithParam<GoldenCase> {};
+
+// Set SONDERLARK_UPDATE_GOLDEN=1 to rewrite the files after a deliberate change.
+TEST_P(GoldenRun, LogManifestAndBeamMatchBitExactness) {
+  const GoldenCase& c = GetParam();
+  test::TempDir tmp;
+  test::write_bytes(tmp.path("in.wav"), c.input.data);
+  std::vector<std::string> argv = {test::tool_path(), "--input-wav", "in.wav", "--beamformed", "beam.wav",
+                                   "--event", "event.json", "--log", "run.log"};
+  argv.insert(argv.end(), c.extra_args.begin(), c.extra_args.end());
+  const test::RunResult r = test::run(argv, {}, tmp.dir.string());
+  ASSERT_EQ(r.exit_code, 0) << r.out << r.err;
+  const std::string log = test::read_file(tmp.path("run.log"));
+  EXPECT_EQ(r.out, log);
+  const std::string manifest = mask_timestamp(test::read_file(tmp.path("event.json")));
+  const std::string beam = test::read_file(tmp.path("beam.wav"));
+  EXPECT_EQ(test::read_file(tmp.path("in.wav")), std::string(c.input.data.begin(), c.input.data.end()));
+
+  if (std::getenv("SONDERLARK_UPDATE_GOLDEN") != nullptr) {
+    test::write_file(golden_path(c.name, ".log"), log);
+    test::write_file(golden_path(c.name, ".json"), manifest);
+    test::write_file(golden_path(c.name, ".wav"), beam);
+  }
+  EXPECT_EQ(log, test::read_file(golden_path(c.name, ".log")));
+  EXPECT_EQ(manifest, test::read_file(golden_path(c.name, ".json")));
+  EXPECT_TRUE(beam == test::read_file(golden_path(c.name, ".wav"))) << "beam WAV bytes differ";
+
+  const test::RunResult check =
+      test::run({"python3", test::source_path("tests/check_manifest.py"), tmp.path("event.json"), tmp.path("run.log")});
+  EXPECT_EQ(check.exit_code, 0) << check.out << check.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(Runs, GoldenRun, testing::ValuesIn(golden_cases()),
+                         [](const auto& info) { return info.param.name; });
+
+// The real arecord records the file-backed device through the tool.
+TEST(RealArecord, RecordsTheFileBackedDeviceExactly) {
+  test::TempDir tmp;
+  const std::vector<uint8_t> frames = [] {
+    test::Bytes b;
+    for (int64_t v : interleave(array_noise(3, 24000, 0.4, 5), 32)) b.i32(v);
+    return b.data;
+  }();
+  test::write_bytes(tmp.path("capture.raw"), frames);
+  test::write_alsa_file_device(tmp.path("config"), "sonderlark_array", tmp.path("capture.raw"));
+  const test::RunResult r = test::run({test::tool_path(), "--device", "sonderlark_array", "--duration", "1",
+                                       "--output", tmp.path("raw.wav"), "--beamformed", tmp.path("beam.wav"),
+                                       "--event", tmp.path("event.json"), "--log", tmp.path("run.log")},
+                                      {{"XDG_CONFIG_HOME", tmp.path("config")}});
+  ASSERT_EQ(r.exit_code, 0) << r.out << r.err;
+  const std::vector<uint8_t> raw = test::read_bytes(tmp.path("raw.wav"));
+  // arecord's WAV: 16000 frames of 16 bytes, exactly the device's first bytes.
+  const WavData wav = parse_wav(raw, "raw.wav");
+  EXPECT_EQ(wav.channels, 4);
+  EXPECT_EQ(wav.sample_rate, 16000);
+  EXPECT_EQ(wav.bits_per_sample, 32);
+  ASSERT_GE(raw.size(), 256000u);
+  EXPECT_TRUE(std::equal(frames.begin(), frames.begin() + 256000, raw.end() - 256000));
+  EXPECT_EQ(wav.samples[0].size(), 16000u);
+  EXPECT_NE(r.out.find("\ndirection_lag_samples_ch0_to_ch3: 3\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\nclean exit\n"), std::string::npos);
+}
+
+TEST(RealArecord, MissingDeviceFailsWithStatus10) {
+  test::TempDir tmp;
+  test::write_alsa_file_device(tmp.path("config"), "sonderlark_array", tmp.path("capture.raw"));
+  const test::RunResult r = test::run({test::tool_path(), "--device", "no_such_device", "--output", "raw.wav",
+                                       "--log", "run.log"},
+                                      {{"XDG_CONFIG_HOME", tmp.path("config")}}, tmp.dir.string());
+  EXPECT_EQ(r.exit_code, 10);
+  EXPECT_EQ(test::read_file(tmp.path("run.log")),
+            kBanner + "device: no_such_device\n"
+                      "capture command: arecord -D 'no_such_device' -f S32_LE -r 16000 -c 4 -d 5 -t wav 'raw.wav'\n"
+                      "error: arecord capture failed with status 256\n");
+  EXPECT_FALSE(fs::exists(tmp.path("build")));
+}
+
+// What a failed run leaves behind.
+struct FailureCase {
+  std::string name;
+  std::vector<std::string> args;
+  std::string last_line;       // the run's final line
+  bool beam_written;
+  bool summary_logged;         // diagnostics, summary and warnings reached the log
+};
+
+void PrintTo(const FailureCase& c, std::ostream* os) { *os << c.name; }
+
+class FailureRoad : public testing::TestWithParam<FailureCase> {};
+
+TEST_P(FailureRoad, Status20AndOnlyWhatWasDone) {
+  const FailureCase& c = GetParam();
+  test::TempDir tmp;
+  test::write_bytes(tmp.path("good.wav"), test::pcm_wav(4, 16000, 32, interleave(array_noise(2, 2000, 0.3, 3), 32)).data);
+  test::write_file(tmp.path("bad.wav"), "RIFF....WAVE but far too short");
+  test::write_file(tmp.path("old_beam.wav"), "previous beam");
+  test::write_file(tmp.path("old_event.json"), "previous manifest");
+  fs::create_directory(tmp.path("event_dir"));
+  std::vector<std::string> argv = {test::tool_path(), "--log", "run.log"};
+  argv.insert(argv.end(), c.args.begin(), c.args.end());
+  const test::RunResult r = test::run(argv, {}, tmp.dir.string());
+  EXPECT_EQ(r.exit_code, 20);
+  EXPECT_EQ(r.out, test::read_file(tmp.path("run.log")));
+  EXPECT_TRUE(r.out.ends_with(c.last_line + "\n")) << r.out;
+  EXPECT_EQ(r.out.find("clean exit"), std::string::npos);
+  EXPECT_EQ(r.out.find("raw_wav: "), std::string::npos);
+  EXPECT_EQ(r.out.find("beamforming_lags: ") != std::string::npos, c.summary_logged);
+  EXPECT_EQ(test::read_file(tmp.path("old_event.json")), "previous manifest");
+  EXPECT_EQ(test::read_file(tmp.path("old_beam.wav")) != "previous beam", c.beam_written);
+  EXPECT_EQ(test::read_file(tmp.path("bad.wav")), "RIFF....WAVE but far too short");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Roads, FailureRoad,
+    testing::Values(
+        FailureCase{"MissingInput", {"--input-wav", "nope.wav", "--beamformed", "old_beam.wav", "--event", "old_event.json"},
+                    "error: failed to open WAV: nope.wav", false, false},
+        FailureCase{"MalformedInput", {"--input-wav", "bad.wav", "--beamformed", "old_beam.wav", "--event", "old_event.json"},
+                    "error: not a RIFF/WAVE file: bad.wav", false, false},
+        FailureCase{"BeamInMissingDirectory",
+                    {"--input-wav", "good.wav", "--beamformed", "missing/beam.wav", "--event", "old_event.json"},
+                    "error: failed to write WAV: missing/beam.wav", false, false},
+        FailureCase{"ManifestUnwritable", {"--input-wav", "good.wav", "--beamformed", "old_beam.wav", "--event", "event_dir"},
+                    "error: failed to write event JSON: event_dir", true, true}),
+    [](const auto& info) { return info.param.name; });
+
+TEST(OneShotRun, LogInMissingDirectoryStillRunsOnStandardOutput) {
+  test::TempDir tmp;
+  test::write_bytes(tmp.path("in.wav"), test::pcm_wav(4, 16000, 32, interleave(array_noise(1, 2000, 0.3, 4), 32)).data);
+  const test::RunResult r = test::run({test::tool_path(), "--log", "missing/run.log", "--skip-capture", "--output",
+                                       "in.wav", "--beamformed", "b.wav", "--event", "e.json"},
+                                      {}, tmp.dir.string());
+  EXPECT_EQ(r.exit_code, 0);
+  EXPECT_TRUE(r.out.starts_with(kBanner + "device: hw:1,0\ncapture skipped; analyzing output WAV path: in.wav\n"));
+  EXPECT_TRUE(r.out.ends_with("raw_wav: in.wav\nbeamformed_wav: b.wav\nevent_json: e.json\nclean exit\n"));
+  EXPECT_EQ(r.err, "");
+  EXPECT_FALSE(fs::exists(tmp.path("missing")));
+}
+
+}  // namespace
+}  // namespace sonderlark

@@ -1,1 +1,430 @@
 #include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <sstream>
+#include <thread>
+
+#include "audio/wav.h"
+#include "dsp/beam.h"
+#include "dsp/direction.h"
+#include "dsp/gain.h"
+#include "live/live_mode.h"
+#include "support.h"
+
+namespace sonderlark {
+namespace {
+
+namespace fs = std::filesystem;
+using Env = std::map<std::string, std::optional<std::string>>;
+
+constexpr std::size_t kPeriod = 65536;  // the simulated source repeats with this period
+
+// Interleaved S32_LE frames of periodic noise reaching channel c round(c x lag / 3)
+// samples after channel 0.
+std::vector<uint8_t> array_frames(std::size_t frames, int lag, uint32_t seed = 3) {
+  const std::vector<double> source = test::white_noise(kPeriod, 0.3, seed);
+  std::vector<uint8_t> bytes;
+  bytes.reserve(frames * 16);
+  for (std::size_t f = 0; f < frames; ++f) {
+    for (int c = 0; c < 4; ++c) {
+      const std::size_t delay = static_cast<std::size_t>(std::lround(c * lag / 3.0) + 16);
+      const double v = source[(f + kPeriod - delay) % kPeriod];
+      const uint32_t s = static_cast<uint32_t>(static_cast<int32_t>(std::lround(v * 2147483647.0)));
+      for (int b = 0; b < 4; ++b) bytes.push_back(static_cast<uint8_t>(s >> (8 * b)));
+    }
+  }
+  return bytes;
+}
+
+// The PCM stream the library makes of the first `chunks` chunks of `frames`,
+// computed stage by stage from the raw bytes.
+std::string expected_pcm(const std::vector<uint8_t>& frames, std::size_t chunk_frames, std::size_t chunks) {
+  std::string pcm;
+  for (std::size_t k = 0; k < chunks; ++k) {
+    WavData chunk;
+    chunk.sample_rate = 16000;
+    chunk.channels = 4;
+    chunk.bits_per_sample = 32;
+    chunk.samples.assign(4, {});
+    for (std::size_t f = 0; f < chunk_frames; ++f) {
+      for (std::size_t c = 0; c < 4; ++c) {
+        const uint8_t* p = frames.data() + ((k * chunk_frames + f) * 4 + c) * 4;
+        const int32_t s = static_cast<int32_t>(p[0] | (p[1] << 8) | (p[2] << 16) | (static_cast<uint32_t>(p[3]) << 24));
+        chunk.samples[c].push_back(s / 2147483648.0);
+      }
+    }
+    std::vector<std::string> warnings;
+    const WavData processed = apply_input_gain(chunk, 0.0, warnings);
+    const BeamformResult beam = beamform_delay_and_sum(processed, estimate_direction(processed, "processed-live"));
+    for (double x : beam.samples) {
+      const uint16_t v = static_cast<uint16_t>(pcm16_from_sample(x));
+      pcm += static_cast<char>(v & 0xFF);
+      pcm += static_cast<char>(v >> 8);
+    }
+  }
+  return pcm;
+}
+
+// A value of the status file, through Python's strict JSON parser.
+std::string status_value(const std::string& path, const std::string& key) {
+  const test::RunResult r = test::run(
+      {"python3", "-c",
+       "import json, sys\n"
+       "def bad(c): raise ValueError(c)\n"
+       "d = json.load(open(sys.argv[1]), parse_constant=bad)\n"
+       "assert len(d) == 20\n"
+       "print(json.dumps(d[sys.argv[2]]))",
+       path, key});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  return r.out.substr(0, r.out.size() - (r.out.empty() ? 0 : 1));
+}
+
+int count(const std::string& text, const std::string& what) {
+  int n = 0;
+  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
+int chunks_in(const std::string& status_path) { return std::stoi(status_value(status_path, "chunks_processed")); }
+
+// A live run on the real arecord reading a file-backed ALSA device.
+struct RealDevice {
+  test::TempDir tmp;
+  std::vector<uint8_t> frames;
+  explicit RealDevice(std::size_t frame_count, int lag = 4) : frames(array_frames(frame_count, lag)) {
+    test::write_bytes(tmp.path("capture.raw"), frames);
+    test::write_alsa_file_device(tmp.path("config"), "sonderlark_array", tmp.path("capture.raw"));
+    fs::create_directories(tmp.path("state"));
+  }
+  std::vector<std::string> args(const std::string& duration, const std::string& pcm) const {
+    return {test::tool_path(), "--live", "--device", "sonderlark_array", "--live-duration", duration,
+            "--pcm-output", pcm, "--event-output", tmp.path("state/status.json"), "--log", tmp.path("live.log")};
+  }
+  Env env() const { return {{"XDG_CONFIG_HOME", tmp.path("config")}}; }
+  std::string status() const { return tmp.path("state/status.json"); }
+};
+
+void expect_finite_clean_end(const test::RunResult& r, const std::string& status_path) {
+  EXPECT_EQ(r.exit_code, 0) << r.out;
+  EXPECT_TRUE(r.out.ends_with("live clean finite-duration exit\n")) << r.out;
+  EXPECT_EQ(status_value(status_path, "status"), "\"stopped\"");
+  EXPECT_EQ(status_value(status_path, "live_processing"), "false");
+  EXPECT_EQ(status_value(status_path, "pcm_output_connected"), "false");
+}
+
+TEST(LiveRealArecord, FiniteRunWritesExactlyTheBeamsToARegularFile) {
+  RealDevice device(3000000);
+  test::write_file(device.tmp.path("out.pcm"), "");
+  const test::RunResult r = test::run(device.args("2", device.tmp.path("out.pcm")), device.env());
+  expect_finite_clean_end(r, device.status());
+  const int chunks = chunks_in(device.status());
+  ASSERT_GT(chunks, 0);
+  ASSERT_LE(static_cast<std::size_t>(chunks) * 1024, device.frames.size() / 16) << "the device ran dry";
+  EXPECT_TRUE(test::read_file(device.tmp.path("out.pcm")) == expected_pcm(device.frames, 1024, chunks));
+  EXPECT_EQ(status_value(device.status(), "direction_angle_degrees"), "30.0");
+  EXPECT_EQ(status_value(device.status(), "direction_samples_source"), "\"processed-live\"");
+  // The real arecord, its pipe closed, ends with exit code 1 ("Broken pipe").
+  EXPECT_EQ(status_value(device.status(), "arecord_exit_code"), "1");
+  EXPECT_EQ(r.out, test::read_file(device.tmp.path("live.log")));
+
+  const std::string start =
+      "device: sonderlark_array\n"
+      "Sonderlark live mode: raw Kinect mic array -> input gain -> beamforming -> mono s16le PCM\n"
+      "live_pcm_output: " + device.tmp.path("out.pcm") + "\n"
+      "live_duration_seconds: 2\nlive_chunk_frames: 1024\n"
+      "live_event_json: " + device.status() + "\n"
+      "live capture command: arecord -D 'sonderlark_array' -f S32_LE -r 16000 -c 4 -t raw\n"
+      "live arecord stderr: " + device.status() + ".arecord.stderr\n"
+      "live PCM output connected: " + device.tmp.path("out.pcm") + "\n"
+      "live chunk=1 processed_rms_ch0=";
+  EXPECT_NE(r.out.find(start), std::string::npos) << r.out;
+  // Chunk lines only for chunk 1 and every 50th.
+  std::istringstream lines(r.out);
+  int chunk_lines = 0;
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.starts_with("live chunk=")) continue;
+    const int n = std::stoi(line.substr(11));
+    EXPECT_TRUE(n == 1 || n % 50 == 0) << line;
+    ++chunk_lines;
+  }
+  EXPECT_EQ(chunk_lines, 1 + chunks / 50);
+  EXPECT_NE(r.out.find("\nlive chunks_processed: " + std::to_string(chunks) + "\n"), std::string::npos);
+}
+
+// Spawns `cat FIFO > OUT` and waits until it is blocked opening the FIFO.
+int spawn_fifo_reader(const std::string& fifo, const std::string& out, const std::string& err) {
+  const int pid = test::spawn({"cat", fifo}, {}, out, err);
+  for (int i = 0; i < 200; ++i) {
+    const std::string wchan = test::read_file("/proc/" + std::to_string(pid) + "/wchan");
+    if (wchan.find("fifo") != std::string::npos || wchan.find("pipe") != std::string::npos) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return pid;
+}
+
+TEST(LiveRealArecord, FifoWithAReaderThatKeepsUpGetsTheSameBytes) {
+  RealDevice device(3000000);
+  const std::string fifo = device.tmp.path("mic.pcm");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const int reader = spawn_fifo_reader(fifo, device.tmp.path("received"), device.tmp.path("cat.err"));
+  const test::RunResult r = test::run(device.args("2", fifo), device.env());
+  EXPECT_EQ(test::wait_child(reader), 0);
+  expect_finite_clean_end(r, device.status());
+  EXPECT_EQ(count(r.out, "warning: live PCM output"), 0) << r.out;
+  const int chunks = chunks_in(device.status());
+  EXPECT_TRUE(test::read_file(device.tmp.path("received")) == expected_pcm(device.frames, 1024, chunks));
+}
+
+TEST(LiveRealArecord, ReaderAttachesLeavesAndReturns) {
+  RealDevice device(3000000);
+  const std::string fifo = device.tmp.path("mic.pcm");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const int tool = test::spawn(device.args("3", fifo), device.env(), device.tmp.path("out"), device.tmp.path("err"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(600));
+  const int first = spawn_fifo_reader(fifo, device.tmp.path("part1"), device.tmp.path("cat1.err"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(600));
+  kill(first, SIGTERM);
+  test::wait_child(first);
+  std::this_thread::sleep_for(std::chrono::milliseconds(600));
+  const int second = spawn_fifo_reader(fifo, device.tmp.path("part2"), device.tmp.path("cat2.err"));
+  EXPECT_EQ(test::wait_child(tool), 0);
+  EXPECT_EQ(test::wait_child(second), 0);
+
+  const std::string log = test::read_file(device.tmp.path("out"));
+  const std::string no_reader =
+      "warning: live PCM output has no reader or cannot be opened nonblocking; direction status will continue "
+      "without virtual mic PCM writes\n";
+  EXPECT_EQ(count(log, no_reader), 1) << log;
+  EXPECT_EQ(count(log, "live PCM output connected: " + fifo + "\n"), 2) << log;
+  EXPECT_EQ(count(log, "warning: live PCM output reader disconnected; direction status will continue\n"), 1);
+  EXPECT_LT(log.find(no_reader), log.find("live PCM output connected"));
+
+  // Each reader got a run of whole chunks from the stream, starting at a chunk.
+  const std::string all = expected_pcm(device.frames, 1024, static_cast<std::size_t>(chunks_in(device.status())));
+  for (const std::string part : {"part1", "part2"}) {
+    SCOPED_TRACE(part);
+    const std::string got = test::read_file(device.tmp.path(part));
+    ASSERT_GE(got.size(), 2048u);
+    const std::size_t at = all.find(got.substr(0, 2048));
+    ASSERT_NE(at, std::string::npos);
+    EXPECT_EQ(at % 2048, 0u);
+    EXPECT_TRUE(all.compare(at, got.size(), got) == 0);
+  }
+}
+
+TEST(LiveRealArecord, ASlowReaderCostsSamplesNotTime) {
+  RealDevice device(3000000);
+  const std::string fifo = device.tmp.path("mic.pcm");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  // Without a reader.
+  const test::RunResult alone = test::run(device.args("2", fifo), device.env());
+  const int chunks_alone = chunks_in(device.status());
+  // With a reader that opens the FIFO and never reads: the pipe fills at once.
+  const int reader = test::spawn({"python3", "-c",
+                                  "import os, sys, time\nfd = os.open(sys.argv[1], os.O_RDONLY | os.O_NONBLOCK)\n"
+                                  "time.sleep(60)",
+                                  fifo},
+                                 {}, device.tmp.path("r.out"), device.tmp.path("r.err"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const test::RunResult slow = test::run(device.args("2", fifo), device.env());
+  kill(reader, SIGTERM);
+  test::wait_child(reader);
+  const int chunks_slow = chunks_in(device.status());
+  EXPECT_EQ(alone.exit_code, 0);
+  EXPECT_EQ(slow.exit_code, 0);
+  EXPECT_EQ(count(slow.out, "live PCM output connected"), 1) << slow.out;
+  EXPECT_EQ(count(slow.out, "reader disconnected"), 0);
+  // A blocking write would stall at the 33rd chunk; dropping keeps the pace.
+  EXPECT_GT(chunks_slow, chunks_alone * 0.9) << chunks_slow << " against " << chunks_alone;
+  RecordProperty("chunks_alone", chunks_alone);
+  RecordProperty("chunks_slow_reader", chunks_slow);
+}
+
+// A stand-in arecord for failure injection.
+struct StandIn {
+  test::TempDir tmp;
+  Env env;
+  explicit StandIn(Env settings) {
+    const std::string bin = tmp.path("bin");
+    fs::create_directories(bin);
+    fs::copy_file(test::source_path("tests/arecord_stand_in.sh"), bin + "/arecord");
+    fs::create_directories(tmp.path("record"));
+    fs::create_directories(tmp.path("state"));
+    env = std::move(settings);
+    env["PATH"] = bin + ":" + std::getenv("PATH");
+    env["STAND_IN_DIR"] = tmp.path("record");
+    env["STATUS_FILE"] = status();
+  }
+  std::string status() const { return tmp.path("state/status.json"); }
+  test::RunResult run(const std::string& duration) const {
+    return test::run({test::tool_path(), "--live", "--live-duration", duration, "--pcm-output", tmp.path("none.pcm"),
+                      "--event-output", status(), "--log", tmp.path("live.log")},
+                     env);
+  }
+  std::string record(const std::string& name) const { return test::read_file(tmp.path("record/" + name)); }
+  std::string frames_file(std::size_t chunks, std::size_t extra_bytes = 0) {
+    std::vector<uint8_t> bytes = array_frames(chunks * 1024, 2);
+    bytes.resize(bytes.size() + extra_bytes, 0);
+    test::write_bytes(tmp.path("frames.raw"), bytes);
+    return tmp.path("frames.raw");
+  }
+};
+
+const std::string kStderrText = "arecord: main:831: audio open error: \"Device\" busy\nsecond\tline";
+const std::string kStderrEscaped = "\"arecord: main:831: audio open error: \\\"Device\\\" busy\\nsecond\\tline\"";
+
+TEST(LiveStandIn, EarlyExitWithStandardErrorInAFiniteRun) {
+  StandIn s({{"EXIT_CODE", "1"}, {"STDERR_TEXT", kStderrText}});
+  s.env["FRAMES"] = s.frames_file(20, 12);  // 20 chunks and 3 stray samples
+  const test::RunResult r = s.run("30");
+  EXPECT_EQ(r.exit_code, 0);
+  EXPECT_TRUE(r.out.ends_with(
+      "warning: arecord stopped during live mode with status 256, exit_code 1\n"
+      "arecord_stderr: " + kStderrText + "\n"
+      "error: arecord exited with status 256, exit_code 1\n"
+      "arecord_stderr: " + kStderrText + "\n"
+      "live chunks_processed: 20\nlive low_confidence_chunks: 0\nlive speech_detected: true\n"
+      "live clean finite-duration exit\n"))
+      << r.out;
+  EXPECT_EQ(status_value(s.status(), "status"), "\"stopped\"");
+  EXPECT_EQ(status_value(s.status(), "arecord_exit_code"), "1");
+  EXPECT_EQ(status_value(s.status(), "arecord_stderr"), kStderrEscaped);
+  EXPECT_EQ(status_value(s.status(), "chunks_processed"), "20");
+  EXPECT_EQ(s.record("starts"), "1\n");
+}
+
+TEST(LiveStandIn, DeathBySignal9) {
+  StandIn s(Env{{"KILL_SIGNAL", "9"}});
+  s.env["FRAMES"] = s.frames_file(5);
+  const test::RunResult r = s.run("30");
+  EXPECT_EQ(r.exit_code, 0);
+  // The raw status depends on whether the shell exec'd the child; the decoded code does not.
+  EXPECT_NE(r.out.find(", exit_code 137\n"), std::string::npos) << r.out;
+  EXPECT_EQ(status_value(s.status(), "arecord_exit_code"), "137");
+  EXPECT_EQ(status_value(s.status(), "status"), "\"stopped\"");
+}
+
+TEST(LiveStandIn, FailureBeforeAnyChunkIsDegraded) {
+  StandIn s({{"EXIT_CODE", "1"}, {"STDERR_TEXT", "no device"}});
+  const test::RunResult r = s.run("30");
+  EXPECT_EQ(r.exit_code, 32);
+  EXPECT_TRUE(r.out.ends_with("live chunks_processed: 0\nlive low_confidence_chunks: 0\nlive speech_detected: false\n"
+                              "live clean exit\n"))
+      << r.out;
+  EXPECT_EQ(status_value(s.status(), "status"), "\"degraded\"");
+  EXPECT_EQ(status_value(s.status(), "error"), "\"arecord exited with nonzero status\"");
+  EXPECT_EQ(status_value(s.status(), "processed_channel_rms"), "[]");
+  EXPECT_EQ(status_value(s.status(), "direction_method"), "\"processed multi-pair centered cross-correlation\"");
+  EXPECT_EQ(status_value(s.status(), "direction_samples_source"), "\"processed\"");
+}
+
+std::vector<double> start_times(const StandIn& s) {
+  std::vector<double> times;
+  std::istringstream in(s.record("times"));
+  for (double t; in >> t;) times.push_back(t);
+  return times;
+}
+
+void expect_restart_hygiene(const StandIn& s, std::size_t starts) {
+  const std::vector<double> times = start_times(s);
+  ASSERT_EQ(times.size(), starts);
+  for (std::size_t i = 1; i < times.size(); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_GT(times[i] - times[i - 1], 1.95);
+    EXPECT_LT(times[i] - times[i - 1], 3.5);
+  }
+  // At every start the tool holds the same descriptors and no zombie child.
+  std::istringstream fds(s.record("fds"));
+  std::istringstream zombies(s.record("zombies"));
+  std::string first_fds;
+  std::getline(fds, first_fds);
+  for (std::string line; std::getline(fds, line);) EXPECT_EQ(line, first_fds);
+  for (std::string line; std::getline(zombies, line);) EXPECT_EQ(line, "0");
+}
+
+TEST(LiveStandIn, ContinuousRunThatAlwaysFailsGivesUpDegraded) {
+  StandIn s({{"EXIT_CODE", "1"}, {"STDERR_TEXT", kStderrText}});
+  const test::RunResult r = s.run("0");
+  EXPECT_EQ(r.exit_code, 32);
+  for (int attempt = 1; attempt <= 10; ++attempt) {
+    EXPECT_EQ(count(r.out, "restarted arecord for live mode attempt " + std::to_string(attempt) + "\n"), 1);
+  }
+  EXPECT_EQ(count(r.out, "warning: arecord stopped during live mode with status 256, exit_code 1\n"), 11);
+  EXPECT_TRUE(r.out.ends_with("error: arecord restart limit reached; live direction status degraded\n"
+                              "error: arecord exited with status 256, exit_code 1\n"
+                              "arecord_stderr: " + kStderrText + "\n"
+                              "live chunks_processed: 0\nlive low_confidence_chunks: 0\nlive speech_detected: false\n"
+                              "live clean exit\n"))
+      << r.out;
+  EXPECT_EQ(status_value(s.status(), "status"), "\"degraded\"");
+  EXPECT_EQ(status_value(s.status(), "live_processing"), "false");
+  // What a reader saw at each restart: the "restarting" record of the stop before.
+  for (int n = 2; n <= 11; ++n) {
+    SCOPED_TRACE(n);
+    const std::string snapshot = s.tmp.path("record/snapshot." + std::to_string(n));
+    EXPECT_EQ(status_value(snapshot, "status"), "\"restarting\"");
+    EXPECT_EQ(status_value(snapshot, "live_processing"), "true");
+    EXPECT_EQ(status_value(snapshot, "arecord_exit_code"), "1");
+    EXPECT_EQ(status_value(snapshot, "arecord_stderr"), kStderrEscaped);
+  }
+  expect_restart_hygiene(s, 11);
+}
+
+TEST(LiveStandIn, HealthyChildThatStopsRestartsAsAttemptZero) {
+  StandIn s(Env{{"EXIT_CODE", "1"}});
+  s.env["FIRST_FRAMES"] = s.frames_file(11);
+  const test::RunResult r = s.run("0");
+  EXPECT_EQ(r.exit_code, 32);
+  EXPECT_EQ(count(r.out, "restarted arecord for live mode attempt 0\n"), 1) << r.out;
+  EXPECT_EQ(count(r.out, "restarted arecord for live mode attempt 10\n"), 1);
+  EXPECT_EQ(count(r.out, "restarted arecord for live mode attempt 11\n"), 0);
+  EXPECT_EQ(status_value(s.status(), "chunks_processed"), "11");
+  EXPECT_EQ(status_value(s.status(), "direction_angle_degrees"), "14.48");  // the last chunk's, kept to the end
+  expect_restart_hygiene(s, 12);
+}
+
+TEST(LiveStartFailure, NoPipeForTheChildEndsWith30AndNoStatusFile) {
+  test::TempDir tmp;
+  // With room for standard streams and the log only, popen cannot make its pipe.
+  const test::RunResult r = test::run(
+      {"sh", "-c", "ulimit -n 4; exec \"$0\" --live --log '' --event-output status.json", test::tool_path()}, {},
+      tmp.dir.string());
+  EXPECT_EQ(r.exit_code, 30) << r.out << r.err;
+  EXPECT_TRUE(r.out.ends_with("error: failed to start arecord for live mode\n")) << r.out;
+  EXPECT_FALSE(fs::exists(tmp.path("status.json")));
+}
+
+TEST(ChooseStatusPath, EventOutputThenXdgStateHomeThenHomeThenBuild) {
+  Options options;
+  setenv("XDG_STATE_HOME", "/xdg", 1);
+  setenv("HOME", "/home/u", 1);
+  EXPECT_EQ(choose_status_path(options), "/xdg/sonderscope/sonderlark-live-event.json");
+  setenv("XDG_STATE_HOME", "", 1);
+  EXPECT_EQ(choose_status_path(options), "/home/u/.local/state/sonderscope/sonderlark-live-event.json");
+  unsetenv("XDG_STATE_HOME");
+  unsetenv("HOME");
+  EXPECT_EQ(choose_status_path(options), "build/sonderlark-live-event.json");
+  options.event_output_path = "mine.json";
+  EXPECT_EQ(choose_status_path(options), "mine.json");
+}
+
+TEST(ChunkFromFrames, ScalesAndDeinterleaves) {
+  const int32_t frames[] = {INT32_MIN, INT32_MAX, 0, 1 << 30, -1, 2, 3, 4};
+  const WavData w = chunk_from_frames(frames, 2);
+  EXPECT_EQ(w.sample_rate, 16000);
+  EXPECT_EQ(w.channels, 4);
+  EXPECT_EQ(w.samples[0], (std::vector<double>{-1.0, -1.0 / 2147483648.0}));
+  EXPECT_EQ(w.samples[1], (std::vector<double>{2147483647.0 / 2147483648.0, 2.0 / 2147483648.0}));
+  EXPECT_EQ(w.samples[3], (std::vector<double>{0.5, 4.0 / 2147483648.0}));
+}
+
+}  // namespace
+}  // namespace sonderlark

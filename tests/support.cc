@@ -94,6 +94,7 @@ int spawn(const std::vector<std::string>& argv, const std::map<std::string, std:
     dup2(in, 0);
     dup2(out, 1);
     dup2(err, 2);
+    close_range(3, ~0u, 0);  // the child starts with the standard streams only
     if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
     environ = c_env.data();
     execvp(c_argv[0], c_argv.data());

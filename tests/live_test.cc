@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
+#include <iostream>
 #include <sstream>
 #include <thread>
 
@@ -17,6 +18,7 @@
 #include "dsp/direction.h"
 #include "dsp/gain.h"
 #include "live/live_mode.h"
+#include "report/live_status.h"
 #include "support.h"
 
 namespace sonderlark {
@@ -424,6 +426,84 @@ TEST(ChunkFromFrames, ScalesAndDeinterleaves) {
   EXPECT_EQ(w.samples[0], (std::vector<double>{-1.0, -1.0 / 2147483648.0}));
   EXPECT_EQ(w.samples[1], (std::vector<double>{2147483647.0 / 2147483648.0, 2.0 / 2147483648.0}));
   EXPECT_EQ(w.samples[3], (std::vector<double>{0.5, 4.0 / 2147483648.0}));
+}
+
+}  // namespace
+}  // namespace sonderlark
+
+namespace sonderlark {
+namespace {
+
+// Starts the poller on `status`; it stops when `stop` appears.
+int start_poller(const std::string& status, const std::string& stop, const std::string& out) {
+  return test::spawn({"python3", test::source_path("tests/poll_status.py"), status, stop}, {}, out, out + ".err");
+}
+
+std::map<std::string, long> poller_counts(int pid, const std::string& stop, const std::string& out) {
+  test::write_file(stop, "");
+  EXPECT_EQ(test::wait_child(pid), 0) << test::read_file(out + ".err");
+  std::map<std::string, long> counts;
+  const test::RunResult parsed = test::run(
+      {"python3", "-c", "import json,sys\nfor k,v in json.load(open(sys.argv[1])).items(): print(k, v)", out});
+  std::istringstream in(parsed.out);
+  std::string key;
+  for (long value; in >> key >> value;) counts[key] = value;
+  return counts;
+}
+
+TEST(LiveStatusFile, AReaderNeverSeesAPartialRecord) {
+  RealDevice device(200000);
+  const std::string stop = device.tmp.path("stop");
+  const std::string out = device.tmp.path("poll.json");
+  const int poller = start_poller(device.status(), stop, out);
+  // A continuous unpaced run, ended once it has rewritten the file often enough.
+  std::vector<std::string> args = device.args("0", device.tmp.path("no-reader.pcm"));
+  args.insert(args.end(), {"--live-chunk-frames", "128"});
+  const int tool = test::spawn(args, device.env(), device.tmp.path("tool.out"), device.tmp.path("tool.err"));
+  long rewrites = 0;
+  for (int i = 0; i < 600 && rewrites < 25000; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const std::string record = test::read_file(device.status());
+    const std::size_t at = record.find("\"chunks_processed\": ");
+    if (at != std::string::npos) rewrites = std::stol(record.substr(at + 20));  // one rewrite per chunk
+  }
+  kill(tool, SIGTERM);
+  test::wait_child(tool);
+  std::map<std::string, long> counts = poller_counts(poller, stop, out);
+  EXPECT_GE(rewrites, 20000);
+  EXPECT_GE(counts["reads"], 100000);
+  EXPECT_EQ(counts["partial"], 0);
+  EXPECT_EQ(counts["missing"], counts["reads"] - counts["good"] - counts["partial"]);
+  EXPECT_GT(counts["distinct"], 1000);
+  // "missing" can only happen before the first record exists.
+  RecordProperty("rewrites", static_cast<int>(rewrites));
+  RecordProperty("reads", static_cast<int>(counts["reads"]));
+  RecordProperty("missing_before_first_record", static_cast<int>(counts["missing"]));
+  std::cout << "atomicity: " << rewrites << " rewrites, " << counts["reads"] << " reads, " << counts["partial"]
+            << " partial, " << counts["missing"] << " missing before the first record\n";
+}
+
+TEST(LiveStatusFile, ThePollerCatchesAWriterThatWritesInPlace) {
+  test::TempDir tmp;
+  const std::string status = tmp.path("status.json");
+  const std::string stop = tmp.path("stop");
+  const std::string out = tmp.path("poll.json");
+  // Seed a complete record, then rewrite it in place (truncate and write) for a while.
+  write_live_event_json(status, Options{}, DirectionEstimate{}, ChannelDiagnostics{}, false, 0, false, true,
+                        "running", "", "arecord", -1, "");
+  const std::string record = test::read_file(status);
+  const int poller = start_poller(status, stop, out);
+  const int writer = test::spawn({"python3", "-c",
+                                  "import sys, time\nrecord = open(sys.argv[1]).read()\nend = time.time() + 3\n"
+                                  "while time.time() < end:\n"
+                                  "    with open(sys.argv[1], 'w') as f:\n"
+                                  "        f.write(record[:200]); f.flush(); f.write(record[200:])",
+                                  status},
+                                 {}, tmp.path("w.out"), tmp.path("w.err"));
+  EXPECT_EQ(test::wait_child(writer), 0) << test::read_file(tmp.path("w.err"));
+  std::map<std::string, long> counts = poller_counts(poller, stop, out);
+  EXPECT_GT(counts["partial"], 0) << "the poller would not notice a torn record";
+  EXPECT_FALSE(record.empty());
 }
 
 }  // namespace

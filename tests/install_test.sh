@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Installs a build into a temporary prefix, runs the installed program,
+# renders its man page and removes everything again through the manifest.
+# Usage: tests/install_test.sh BUILD_DIR
+set -euo pipefail
+build=$1
+prefix=$(mktemp -d)
+trap 'rm -rf "$prefix"' EXIT
+
+cmake --install "$build" --prefix "$prefix" >/dev/null
+bin="$prefix/bin/sonderlark"
+"$bin" --help > "$prefix/help.txt"
+head -n 1 "$prefix/help.txt" | grep -qx "Usage: $bin \[options\]"
+"$prefix/bin/sonderlark-sim" --help >/dev/null
+
+page="$prefix/share/man/man1/sonderlark.1"
+warnings=$(groff -man -ww -z "$page" 2>&1)
+[ -z "$warnings" ] || { echo "groff warnings: $warnings" >&2; exit 1; }
+MANWIDTH=80 man -l "$page" > "$prefix/page.txt" 2> "$prefix/man.err"
+[ ! -s "$prefix/man.err" ] || { cat "$prefix/man.err" >&2; exit 1; }
+grep -q "EXIT STATUS" "$prefix/page.txt"
+grep -q "trusted input" "$prefix/page.txt"
+
+unit="$prefix/lib/systemd/user/sonderlark-live.service"
+grep -q "^ExecStart=$prefix/bin/sonderlark --live .*--event-output %S/sonderscope/sonderlark-live-event.json" "$unit"
+if command -v systemd-analyze >/dev/null 2>&1; then systemd-analyze verify --user "$unit" >/dev/null 2>&1 || true; fi
+
+# Everything installed is listed, and removing the listed files leaves no file.
+manifest="$build/install_manifest.txt"
+xargs -d '\n' rm -f < "$manifest"
+left=$(find "$prefix" -type f ! -name help.txt ! -name page.txt ! -name man.err)
+[ -z "$left" ] || { echo "left after uninstall: $left" >&2; exit 1; }
+echo "install ok"

@@ -27,7 +27,7 @@ def mono_noise(path, seconds):
 
 
 def main():
-    build = sys.argv[1]
+    build = os.path.abspath(sys.argv[1])
     minutes = [int(m) for m in sys.argv[2:]] or [60]
     work = tempfile.mkdtemp(prefix="sonderlark-bench-", dir=os.environ.get("BENCH_TMP", "/tmp"))
     try:

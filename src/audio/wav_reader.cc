@@ -1,8 +1,14 @@
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <stdexcept>
 
 #include "audio/wav.h"
+#include "util/memory.h"
 
 namespace sonderlark {
 namespace {
@@ -79,7 +85,10 @@ WavData parse_wav(std::span<const uint8_t> bytes, const std::string& path) {
   const uint64_t frames = data_size / frame_size;  // a partial last frame is ignored
 
   wav.samples.assign(channels, {});
-  for (auto& channel : wav.samples) channel.resize(frames);
+  for (auto& channel : wav.samples) {
+    reserve_large(channel, frames);
+    channel.resize(frames);
+  }
   const uint8_t* data = base + data_offset;
   if (bytes_per_sample == 2) {
     for (uint64_t f = 0; f < frames; ++f) {
@@ -100,25 +109,33 @@ WavData parse_wav(std::span<const uint8_t> bytes, const std::string& path) {
 }
 
 WavData read_wav(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in.is_open()) throw std::runtime_error("failed to open WAV: " + path);
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) throw std::runtime_error("failed to open WAV: " + path);
+  struct stat info {};
+  if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0) {
+    // A regular file is mapped rather than copied: its bytes are held once.
+    const std::size_t size = static_cast<std::size_t>(info.st_size);
+    void* map = mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, 0);
+    close(fd);
+    if (map == MAP_FAILED) throw std::runtime_error("failed to open WAV: " + path);
+    struct Unmap {
+      void* map;
+      std::size_t size;
+      ~Unmap() { munmap(map, size); }
+    } unmap{map, size};
+    return parse_wav({static_cast<const uint8_t*>(map), size}, path);
+  }
+  // Anything else (a pipe, an empty or special file): read what it gives.
   std::vector<uint8_t> bytes;
-  in.seekg(0, std::ios::end);
-  const std::streamoff size = in.tellg();
-  in.seekg(0, std::ios::beg);
-  if (size > 0) {
-    bytes.resize(static_cast<std::size_t>(size));
-    in.read(reinterpret_cast<char*>(bytes.data()), size);
-    bytes.resize(static_cast<std::size_t>(in.gcount()));
-  }
-  // Not a regular file (a pipe, say): read what the stream gives.
-  if (size <= 0 || !in.eof()) {
-    char buffer[65536];
-    in.clear();
-    while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
-      bytes.insert(bytes.end(), buffer, buffer + in.gcount());
+  uint8_t buffer[65536];
+  for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) != 0;) {
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      break;
     }
+    bytes.insert(bytes.end(), buffer, buffer + n);
   }
+  close(fd);
   return parse_wav(bytes, path);
 }
 

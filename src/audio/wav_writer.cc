@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cmath>
 #include <stdexcept>
 
@@ -43,7 +44,20 @@ void write_mono_wav(const std::string& path, int32_t sample_rate, const std::vec
   write_le16(out, 16);        // bits per sample
   out.write("data", 4);
   write_le32(out, data_size);
-  for (double x : samples) write_le16(out, static_cast<uint16_t>(pcm16_from_sample(x)));
+  // Samples go out in blocks: the same bytes as one write_le16 per sample.
+  constexpr std::size_t kBlockSamples = 1 << 16;
+  std::vector<char> block;
+  block.reserve(2 * kBlockSamples);
+  for (std::size_t start = 0; start < samples.size(); start += kBlockSamples) {
+    const std::size_t end = std::min(samples.size(), start + kBlockSamples);
+    block.clear();
+    for (std::size_t i = start; i < end; ++i) {
+      const uint16_t v = static_cast<uint16_t>(pcm16_from_sample(samples[i]));
+      block.push_back(static_cast<char>(v & 0xFFu));
+      block.push_back(static_cast<char>(v >> 8));
+    }
+    out.write(block.data(), static_cast<std::streamsize>(block.size()));
+  }
 }
 
 }  // namespace sonderlark

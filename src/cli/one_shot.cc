@@ -25,7 +25,7 @@ void append(std::vector<std::string>& warnings, const std::vector<std::string>& 
 }  // namespace
 
 int run_one_shot_analysis(const Options& options, Logger& logger) {
-  const WavData input = read_wav(options.output_path);
+  WavData input = read_wav(options.output_path);
   double duration = 0.0;
   if (!input.samples.empty() && input.sample_rate > 0) {
     duration = static_cast<double>(input.samples[0].size()) / input.sample_rate;
@@ -47,8 +47,14 @@ int run_one_shot_analysis(const Options& options, Logger& logger) {
   const ChannelDiagnostics raw = diagnose_channels(input, "raw channel");
   append(warnings, raw.warnings);
 
+  // The raw samples are measured; from here on only the processed copy is
+  // read, so the gain takes the record over instead of copying it.
+  WavData format;  // the header fields, for the beam and the manifest
+  format.sample_rate = input.sample_rate;
+  format.channels = input.channels;
+  format.bits_per_sample = input.bits_per_sample;
   std::vector<std::string> gain_warnings;
-  const WavData processed = apply_input_gain(input, options.input_gain_db, gain_warnings);
+  const WavData processed = apply_input_gain(std::move(input), options.input_gain_db, gain_warnings);
   append(warnings, gain_warnings);
 
   const ChannelDiagnostics processed_levels = diagnose_channels(processed, "processed channel");
@@ -59,14 +65,14 @@ int run_one_shot_analysis(const Options& options, Logger& logger) {
     warnings.push_back("direction confidence is low; angle should be treated as a weak hint only");
   }
 
-  const BeamformResult beam = beamform_delay_and_sum(processed, direction);
-  write_mono_wav(options.beamformed_path, input.sample_rate, beam.samples);
+  BeamformResult beam = beamform_delay_and_sum(processed, direction);
+  write_mono_wav(options.beamformed_path, format.sample_rate, beam.samples);
 
   WavData beam_record;
-  beam_record.sample_rate = input.sample_rate;
+  beam_record.sample_rate = format.sample_rate;
   beam_record.channels = 1;
   beam_record.bits_per_sample = 16;
-  beam_record.samples.push_back(beam.samples);
+  beam_record.samples.push_back(std::move(beam.samples));  // the manifest needs only lags and method
   const ChannelDiagnostics beam_levels = diagnose_channels(beam_record, "beamformed channel");
   append(warnings, beam_levels.warnings);
 
@@ -87,7 +93,7 @@ int run_one_shot_analysis(const Options& options, Logger& logger) {
 
   for (const std::string& warning : warnings) logger.line("warning: " + warning);
 
-  write_event_json(options.event_path, options, input, duration, raw, processed_levels, beam_levels,
+  write_event_json(options.event_path, options, format, duration, raw, processed_levels, beam_levels,
                    direction, beam, warnings);
 
   logger.line("raw_wav: " + options.output_path);

@@ -1,6 +1,9 @@
 #include "dsp/beam.h"
 
+#include <algorithm>
 #include <cmath>
+
+#include "util/memory.h"
 
 namespace sonderlark {
 
@@ -26,8 +29,21 @@ BeamformResult beamform_delay_and_sum(const WavData& data, const DirectionEstima
   }
 
   const int64_t n = static_cast<int64_t>(ch[0].size());
+  reserve_large(result.samples, static_cast<std::size_t>(n));
   result.samples.resize(static_cast<std::size_t>(n));
-  for (int64_t i = 0; i < n; ++i) {
+  // Where every channel's shifted index is inside, no check is needed; the
+  // sum runs in channel order either way.
+  int64_t lowest = 0;
+  int64_t highest = 0;
+  bool same_lengths = true;
+  for (std::size_t c = 0; c < channels; ++c) {
+    lowest = std::min<int64_t>(lowest, result.lags[c]);
+    highest = std::max<int64_t>(highest, result.lags[c]);
+    same_lengths = same_lengths && static_cast<int64_t>(ch[c].size()) == n;
+  }
+  const int64_t inner_begin = same_lengths ? std::min(n, -lowest) : n;
+  const int64_t inner_end = same_lengths ? std::max(inner_begin, n - highest) : n;
+  auto edge_sample = [&](int64_t i) {
     double sum = 0.0;
     int32_t count = 0;
     for (std::size_t c = 0; c < channels; ++c) {
@@ -37,8 +53,16 @@ BeamformResult beamform_delay_and_sum(const WavData& data, const DirectionEstima
         ++count;
       }
     }
-    result.samples[static_cast<std::size_t>(i)] = count > 0 ? sum / count : 0.0;
+    return count > 0 ? sum / count : 0.0;
+  };
+  for (int64_t i = 0; i < inner_begin; ++i) result.samples[static_cast<std::size_t>(i)] = edge_sample(i);
+  const double count = static_cast<double>(channels);
+  for (int64_t i = inner_begin; i < inner_end; ++i) {
+    double sum = 0.0;
+    for (std::size_t c = 0; c < channels; ++c) sum += ch[c][static_cast<std::size_t>(i + result.lags[c])];
+    result.samples[static_cast<std::size_t>(i)] = sum / count;
   }
+  for (int64_t i = inner_end; i < n; ++i) result.samples[static_cast<std::size_t>(i)] = edge_sample(i);
   return result;
 }
 

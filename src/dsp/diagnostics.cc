@@ -8,26 +8,49 @@
 namespace sonderlark {
 namespace {
 
-// Sum of squares in index order, so the result is the same everywhere.
-double sum_of_squares(const double* x, std::size_t n) {
-  double sum = 0.0;
-  for (std::size_t i = 0; i < n; ++i) sum += x[i] * x[i];
-  return sum;
-}
+struct Levels {
+  double rms = 0.0;
+  double peak = 0.0;
+  double noise_floor = 0.0;
+};
 
-double noise_floor_of(const std::vector<double>& x, double rms, int32_t sample_rate) {
+// One pass over a non-empty channel: the running sum of squares for the rms
+// and, beside it, each block's own sum, all in index order.
+Levels measure(const std::vector<double>& x, int32_t sample_rate) {
+  const std::size_t n = x.size();
   const std::size_t block = static_cast<std::size_t>(std::max<int32_t>(sample_rate / 50, 1));
-  if (x.size() < block) return rms;
-  const std::size_t blocks = x.size() / block;  // a trailing partial block is ignored
+  const std::size_t blocks = n / block;  // a trailing partial block is ignored
   std::vector<double> block_rms(blocks);
+  double total = 0.0;
+  double peak = 0.0;
+  std::size_t i = 0;
   for (std::size_t b = 0; b < blocks; ++b) {
-    block_rms[b] = std::sqrt(sum_of_squares(x.data() + b * block, block) / static_cast<double>(block));
+    double sum = 0.0;
+    for (const std::size_t end = i + block; i < end; ++i) {
+      const double square = x[i] * x[i];
+      total += square;
+      sum += square;
+      peak = std::max(peak, std::fabs(x[i]));
+    }
+    block_rms[b] = std::sqrt(sum / static_cast<double>(block));
+  }
+  for (; i < n; ++i) {
+    total += x[i] * x[i];
+    peak = std::max(peak, std::fabs(x[i]));
+  }
+  Levels levels;
+  levels.rms = std::sqrt(total / static_cast<double>(n));
+  levels.peak = peak;
+  if (n < block) {
+    levels.noise_floor = levels.rms;
+    return levels;
   }
   std::sort(block_rms.begin(), block_rms.end());
   const std::size_t quiet = std::max<std::size_t>(blocks / 10, 1);
   double sum = 0.0;
   for (std::size_t b = 0; b < quiet; ++b) sum += block_rms[b];
-  return sum / static_cast<double>(quiet);
+  levels.noise_floor = sum / static_cast<double>(quiet);
+  return levels;
 }
 
 }  // namespace
@@ -41,12 +64,10 @@ ChannelDiagnostics diagnose_channels(const WavData& data, const std::string& lab
   result.noise_floor.assign(m, 0.0);
   for (std::size_t c = 0; c < m; ++c) {
     if (c < data.samples.size() && !data.samples[c].empty()) {
-      const std::vector<double>& x = data.samples[c];
-      result.rms[c] = std::sqrt(sum_of_squares(x.data(), x.size()) / static_cast<double>(x.size()));
-      double peak = 0.0;
-      for (double v : x) peak = std::max(peak, std::fabs(v));
-      result.peak[c] = peak;
-      result.noise_floor[c] = noise_floor_of(x, result.rms[c], data.sample_rate);
+      const Levels levels = measure(data.samples[c], data.sample_rate);
+      result.rms[c] = levels.rms;
+      result.peak[c] = levels.peak;
+      result.noise_floor[c] = levels.noise_floor;
     }
     const std::string name = label + " " + std::to_string(c);
     if (result.rms[c] < kSilenceRmsThreshold || result.peak[c] < kSilencePeakThreshold) {

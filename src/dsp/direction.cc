@@ -1,8 +1,11 @@
 #include "dsp/direction.h"
 
+#include "dsp/lag_kernels.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <vector>
 
 namespace sonderlark {
 namespace {
@@ -15,43 +18,16 @@ constexpr double kAdjacentWeight = 0.25;
 constexpr double kConsistencyWeight = 0.2;
 constexpr double kPi = 3.141592653589793;
 
-// Score of one lag. Both passes run in index order over the overlap only.
-double lag_score(const double* a, const double* b, std::size_t n, int32_t lag) {
-  const int64_t begin = std::max<int64_t>(0, -static_cast<int64_t>(lag));
-  const int64_t end = std::min<int64_t>(static_cast<int64_t>(n), static_cast<int64_t>(n) - lag);
-  const int64_t m = end - begin;
-  if (n == 0 || m < kMinOverlapPairs) return 0.0;
-  double sum_a = 0.0;
-  double sum_b = 0.0;
-  for (int64_t i = begin; i < end; ++i) {
-    sum_a += a[i];
-    sum_b += b[i + lag];
-  }
-  const double mean_a = sum_a / static_cast<double>(m);
-  const double mean_b = sum_b / static_cast<double>(m);
-  double sab = 0.0;
-  double saa = 0.0;
-  double sbb = 0.0;
-  for (int64_t i = begin; i < end; ++i) {
-    const double da = a[i] - mean_a;
-    const double db = b[i + lag] - mean_b;
-    sab += da * db;
-    saa += da * da;
-    sbb += db * db;
-  }
-  if (saa > 0.0 && sbb > 0.0) return sab / std::sqrt(saa * sbb);
-  return 0.0;
-}
-
 }  // namespace
 
 LagResult best_lag(std::span<const double> a, std::span<const double> b, int32_t max_lag) {
   LagResult result;
-  const std::size_t n = std::min(a.size(), b.size());
+  std::vector<double> scores(2 * static_cast<std::size_t>(std::max(max_lag, 0)) + 1);
+  lag_scores(default_lag_kernel(), a, b, max_lag, scores.data());
   double best = -1.0;
   double second = -1.0;
   for (int32_t lag = -max_lag; lag <= max_lag; ++lag) {
-    const double r = lag_score(a.data(), b.data(), n, lag);
+    const double r = scores[static_cast<std::size_t>(lag + max_lag)];
     if (r > best) {  // strictly: the most negative of equal scores wins
       second = best;
       best = r;

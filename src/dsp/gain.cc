@@ -8,7 +8,11 @@
 namespace sonderlark {
 
 WavData apply_input_gain(const WavData& raw, double gain_db, std::vector<std::string>& warnings) {
-  WavData processed = raw;
+  return apply_input_gain(WavData(raw), gain_db, warnings);
+}
+
+WavData apply_input_gain(WavData&& raw, double gain_db, std::vector<std::string>& warnings) {
+  WavData processed = std::move(raw);
   const double gain = std::pow(10.0, gain_db / 20.0);
   if (processed.channels < 1) return processed;
 

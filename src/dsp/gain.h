@@ -13,4 +13,8 @@ namespace sonderlark {
 // `raw` is never modified. A record without channels is returned as is.
 WavData apply_input_gain(const WavData& raw, double gain_db, std::vector<std::string>& warnings);
 
+// The same, scaling a record the caller no longer needs in place of a copy
+// (a long recording is then held once).
+WavData apply_input_gain(WavData&& raw, double gain_db, std::vector<std::string>& warnings);
+
 }  // namespace sonderlark

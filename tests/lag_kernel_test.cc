@@ -1,0 +1,107 @@
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cmath>
+#include <random>
+
+#include "dsp/lag_kernels.h"
+#include "support.h"
+
+namespace sonderlark {
+namespace {
+
+// The lag search's score exactly as the algorithm states it, kept here as the
+// reference that every kernel must reproduce bit for bit.
+double reference_score(const std::vector<double>& a, const std::vector<double>& b, int lag) {
+  const int n = static_cast<int>(std::min(a.size(), b.size()));
+  std::vector<int> overlap;
+  for (int i = 0; i < n; ++i) {
+    if (i + lag >= 0 && i + lag < n) overlap.push_back(i);
+  }
+  const int m = static_cast<int>(overlap.size());
+  if (n == 0 || m < 16) return 0.0;
+  double sum_a = 0.0, sum_b = 0.0;
+  for (int i : overlap) {
+    sum_a += a[i];
+    sum_b += b[i + lag];
+  }
+  const double mean_a = sum_a / m, mean_b = sum_b / m;
+  double sab = 0.0, saa = 0.0, sbb = 0.0;
+  for (int i : overlap) {
+    const double da = a[i] - mean_a;
+    const double db = b[i + lag] - mean_b;
+    sab += da * db;
+    saa += da * da;
+    sbb += db * db;
+  }
+  return saa > 0.0 && sbb > 0.0 ? sab / std::sqrt(saa * sbb) : 0.0;
+}
+
+std::vector<double> adversarial(std::size_t n, uint32_t seed, int style) {
+  std::mt19937 rng(seed);
+  std::vector<double> x(n);
+  for (std::size_t i = 0; i < n; ++i) {
+    const double u = (static_cast<double>(rng()) - 2147483648.0) / 2147483648.0;
+    switch (style) {
+      case 0: x[i] = u; break;                                   // noise
+      case 1: x[i] = u * 1e150; break;                           // squares near the top of the range
+      case 2: x[i] = u * 1e-160; break;                          // squares underflow
+      case 3: x[i] = (i % 7 == 0) ? 1e300 * u : u; break;        // sums overflow to inf
+      case 4: x[i] = 0.25; break;                                // constant: no variance
+      case 5: x[i] = (rng() & 1) ? 1.0 : -1.0; break;            // full scale, many ties
+      default: x[i] = 1e-3 + u * 1e-12; break;                   // tiny variance on an offset
+    }
+  }
+  return x;
+}
+
+TEST(LagKernels, EveryKernelMatchesTheReferenceBitExactness) {
+  const std::vector<LagKernel> kernels = available_lag_kernels();
+  ASSERT_GE(kernels.size(), 2u);
+  std::size_t cases = 0;
+  for (int max_lag : {0, 1, 2, 3, 4, 5, 8, 9, 13, 20}) {
+    for (std::size_t na = 0; na <= 40; ++na) {
+      for (std::size_t extra : {0u, 1u, 7u}) {
+        for (int style = 0; style < 7; ++style) {
+          const uint32_t seed = static_cast<uint32_t>(1000 * max_lag + 10 * na + extra * 100000 + style);
+          const std::vector<double> a = adversarial(na, seed, style);
+          const std::vector<double> b = adversarial(na + extra, seed + 1, (style + extra) % 7);
+          std::vector<double> expected(2 * static_cast<std::size_t>(max_lag) + 1);
+          for (int lag = -max_lag; lag <= max_lag; ++lag) expected[lag + max_lag] = reference_score(a, b, lag);
+          for (LagKernel kernel : kernels) {
+            std::vector<double> got(expected.size(), -7.0);
+            lag_scores(kernel, a, b, max_lag, got.data());
+            for (std::size_t k = 0; k < got.size(); ++k) {
+              ASSERT_EQ(std::bit_cast<uint64_t>(got[k]), std::bit_cast<uint64_t>(expected[k]))
+                  << "kernel " << static_cast<int>(kernel) << " max_lag " << max_lag << " n " << na << "+" << extra
+                  << " style " << style << " lag " << static_cast<int>(k) - max_lag << " seed " << seed;
+            }
+          }
+          ++cases;
+        }
+      }
+    }
+  }
+  EXPECT_GT(cases, 8000u);
+}
+
+TEST(LagKernels, LongInputsMatchTheReferenceBitExactness) {
+  for (std::size_t n : {64u, 68u, 1000u, 1024u, 4099u}) {
+    const std::vector<double> a = test::white_noise(n, 0.7, static_cast<uint32_t>(n));
+    const std::vector<double> b = test::shifted(a, 3);
+    for (int max_lag : {4, 8}) {
+      std::vector<double> expected(2 * static_cast<std::size_t>(max_lag) + 1);
+      for (int lag = -max_lag; lag <= max_lag; ++lag) expected[lag + max_lag] = reference_score(a, b, lag);
+      for (LagKernel kernel : available_lag_kernels()) {
+        std::vector<double> got(expected.size());
+        lag_scores(kernel, a, b, max_lag, got.data());
+        for (std::size_t k = 0; k < got.size(); ++k) {
+          ASSERT_EQ(std::bit_cast<uint64_t>(got[k]), std::bit_cast<uint64_t>(expected[k])) << n << " " << k;
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace sonderlark

@@ -85,23 +85,25 @@ WavData parse_wav(std::span<const uint8_t> bytes, const std::string& path) {
   const uint64_t frames = data_size / frame_size;  // a partial last frame is ignored
 
   wav.samples.assign(channels, {});
-  for (auto& channel : wav.samples) {
-    reserve_large(channel, frames);
-    channel.resize(frames);
+  std::vector<double*> out(channels);
+  for (uint64_t c = 0; c < channels; ++c) {
+    reserve_large(wav.samples[c], frames);
+    wav.samples[c].resize(frames);
+    out[c] = wav.samples[c].data();
   }
   const uint8_t* data = base + data_offset;
   if (bytes_per_sample == 2) {
     for (uint64_t f = 0; f < frames; ++f) {
       const uint8_t* frame = data + f * frame_size;
       for (uint64_t c = 0; c < channels; ++c) {
-        wav.samples[c][f] = static_cast<int16_t>(le16(frame + 2 * c)) * kScale16;
+        out[c][f] = static_cast<int16_t>(le16(frame + 2 * c)) * kScale16;
       }
     }
   } else {
     for (uint64_t f = 0; f < frames; ++f) {
       const uint8_t* frame = data + f * frame_size;
       for (uint64_t c = 0; c < channels; ++c) {
-        wav.samples[c][f] = static_cast<int32_t>(le32(frame + 4 * c)) * kScale32;
+        out[c][f] = static_cast<int32_t>(le32(frame + 4 * c)) * kScale32;
       }
     }
   }

@@ -54,7 +54,7 @@ int run_one_shot_analysis(const Options& options, Logger& logger) {
   format.channels = input.channels;
   format.bits_per_sample = input.bits_per_sample;
   std::vector<std::string> gain_warnings;
-  const WavData processed = apply_input_gain(std::move(input), options.input_gain_db, gain_warnings);
+  WavData processed = apply_input_gain(std::move(input), options.input_gain_db, gain_warnings);
   append(warnings, gain_warnings);
 
   const ChannelDiagnostics processed_levels = diagnose_channels(processed, "processed channel");
@@ -65,7 +65,8 @@ int run_one_shot_analysis(const Options& options, Logger& logger) {
     warnings.push_back("direction confidence is low; angle should be treated as a weak hint only");
   }
 
-  BeamformResult beam = beamform_delay_and_sum(processed, direction);
+  // Nothing reads the processed samples after the beam: it is formed in place.
+  BeamformResult beam = beamform_delay_and_sum(std::move(processed), direction);
   write_mono_wav(options.beamformed_path, format.sample_rate, beam.samples);
 
   WavData beam_record;

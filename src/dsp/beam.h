@@ -27,4 +27,8 @@ constexpr int32_t kFallbackMaxLag = 8;
 // ("fallback channel-alignment").
 BeamformResult beamform_delay_and_sum(const WavData& data, const DirectionEstimate& direction);
 
+// The same on a record the caller no longer needs: the beam is formed in
+// channel 0's storage, so a long recording needs no second buffer.
+BeamformResult beamform_delay_and_sum(WavData&& data, const DirectionEstimate& direction);
+
 }  // namespace sonderlark

@@ -9,23 +9,30 @@
 namespace sonderlark {
 namespace {
 
-// Four lags side by side. GCC and Clang lower this to SSE2 pairs on plain
-// x86-64 and to one register where AVX is enabled; each lane is ordinary
-// IEEE double arithmetic either way (no contraction: -ffp-contract=off).
-typedef double Lanes __attribute__((vector_size(32)));
+// W lags side by side. GCC and Clang lower these vectors to SSE2 pairs on
+// plain x86-64 and to single registers where AVX or AVX-512 is enabled; each
+// lane is ordinary IEEE double arithmetic either way (no contraction:
+// -ffp-contract=off), so every width gives the same bits.
+template <int W>
+struct LaneVector {
+  typedef double type __attribute__((vector_size(W * sizeof(double))));
+};
 // These helpers pass vectors by value only between inlined internal functions,
 // so the AVX calling-convention note does not concern any interface.
 #pragma GCC diagnostic ignored "-Wpsabi"
-constexpr int kLanes = 4;
-constexpr int kMaxGroups = 5;  // 20 lags per sweep: all 17 of a +-8 search
+constexpr int kMaxLanesPerSweep = 24;  // all 17 lags of a +-8 search in one sweep
 
-__attribute__((always_inline)) inline Lanes load(const double* p) {
-  Lanes v;
+template <int W>
+__attribute__((always_inline)) inline typename LaneVector<W>::type load(const double* p) {
+  typename LaneVector<W>::type v;
   std::memcpy(&v, p, sizeof v);
   return v;
 }
 
-__attribute__((always_inline)) inline Lanes splat(double x) { return Lanes{x, x, x, x}; }
+template <int W>
+__attribute__((always_inline)) inline typename LaneVector<W>::type splat(double x) {
+  return typename LaneVector<W>::type{} + x;  // the scalar is broadcast
+}
 
 struct Overlap {
   int64_t begin;  // first i with 0 <= i + lag < n
@@ -61,12 +68,16 @@ double scalar_score(const double* a, const double* b, int64_t n, int64_t lag) {
   return 0.0;
 }
 
-// Scores groups of four consecutive lags, starts[g] .. starts[g] + 3, in one
+// Scores groups of W consecutive lags, starts[g] .. starts[g] + W - 1, in one
 // sweep per pass. Every lane's sum is its lag's literal sum: the indices
 // that only some lanes cover (near the ends) are added one by one before and
 // after the shared range, so each lane still adds in index order.
+template <int W>
 __attribute__((always_inline)) inline void score_groups(const double* a, const double* b, int64_t n,
                                                         const int32_t* starts, int groups, double* out) {
+  using Lanes = typename LaneVector<W>::type;
+  constexpr int kLanes = W;
+  constexpr int kMaxGroups = kMaxLanesPerSweep / W;
   const int64_t lowest = starts[0];
   const int64_t highest = starts[groups - 1] + kLanes - 1;
   const int64_t shared_begin = std::max<int64_t>(0, -lowest);
@@ -94,10 +105,10 @@ __attribute__((always_inline)) inline void score_groups(const double* a, const d
     std::memcpy(&sum_b[g], lane_b[g], sizeof(Lanes));
   }
   for (int64_t i = shared_begin; i < shared_end; ++i) {
-    const Lanes ai = splat(a[i]);
+    const Lanes ai = splat<W>(a[i]);
     for (int g = 0; g < groups; ++g) {
       sum_a[g] += ai;
-      sum_b[g] += load(b + i + starts[g]);
+      sum_b[g] += load<W>(b + i + starts[g]);
     }
   }
   Lanes mean_a[kMaxGroups];
@@ -150,10 +161,10 @@ __attribute__((always_inline)) inline void score_groups(const double* a, const d
     std::memcpy(&sbb[g], lane_bb[g], sizeof(Lanes));
   }
   for (int64_t i = shared_begin; i < shared_end; ++i) {
-    const Lanes ai = splat(a[i]);
+    const Lanes ai = splat<W>(a[i]);
     for (int g = 0; g < groups; ++g) {
       const Lanes da = ai - mean_a[g];
-      const Lanes db = load(b + i + starts[g]) - mean_b[g];
+      const Lanes db = load<W>(b + i + starts[g]) - mean_b[g];
       sab[g] += da * db;
       saa[g] += da * da;
       sbb[g] += db * db;
@@ -184,29 +195,35 @@ __attribute__((always_inline)) inline void score_groups(const double* a, const d
 
 void score_groups_portable(const double* a, const double* b, int64_t n, const int32_t* starts, int groups,
                            double* out) {
-  score_groups(a, b, n, starts, groups, out);
+  score_groups<4>(a, b, n, starts, groups, out);
 }
 
 #if defined(__x86_64__)
 __attribute__((target("avx2"))) void score_groups_avx2(const double* a, const double* b, int64_t n,
                                                        const int32_t* starts, int groups, double* out) {
-  score_groups(a, b, n, starts, groups, out);
+  score_groups<4>(a, b, n, starts, groups, out);
 }
 
 __attribute__((target("avx512f"))) void score_groups_avx512(const double* a, const double* b, int64_t n,
                                                             const int32_t* starts, int groups, double* out) {
-  score_groups(a, b, n, starts, groups, out);
+  score_groups<8>(a, b, n, starts, groups, out);
 }
 #endif
 
 using GroupKernel = void (*)(const double*, const double*, int64_t, const int32_t*, int, double*);
 
-GroupKernel group_kernel(LagKernel kernel) {
+struct Kernel {
+  GroupKernel run;
+  int lanes;
+};
+
+Kernel group_kernel(LagKernel kernel) {
 #if defined(__x86_64__)
-  if (kernel == LagKernel::kAvx2) return score_groups_avx2;
-  if (kernel == LagKernel::kAvx512) return score_groups_avx512;
+  if (kernel == LagKernel::kAvx2) return {score_groups_avx2, 4};
+  if (kernel == LagKernel::kAvx512) return {score_groups_avx512, 8};
 #endif
-  return score_groups_portable;
+  (void)kernel;
+  return {score_groups_portable, 4};
 }
 
 }  // namespace
@@ -230,22 +247,25 @@ void lag_scores(LagKernel kernel, std::span<const double> a, std::span<const dou
                 double* scores) {
   const int64_t n = static_cast<int64_t>(std::min(a.size(), b.size()));
   const int64_t lags = 2 * static_cast<int64_t>(max_lag) + 1;
-  if (kernel == LagKernel::kScalar || lags < kLanes) {
+  Kernel run = group_kernel(kernel);
+  if (lags < run.lanes) run = group_kernel(LagKernel::kPortable);
+  if (kernel == LagKernel::kScalar || lags < run.lanes) {
     for (int64_t k = 0; k < lags; ++k) scores[k] = scalar_score(a.data(), b.data(), n, k - max_lag);
     return;
   }
-  // Groups of four lags from -max_lag; the last group ends at +max_lag and may
+  // Groups of W lags from -max_lag; the last group ends at +max_lag and may
   // overlap the one before (those lags are simply computed twice).
+  const int w = run.lanes;
   std::vector<int32_t> starts;
-  for (int64_t s = -max_lag; s + kLanes - 1 <= max_lag; s += kLanes) starts.push_back(static_cast<int32_t>(s));
-  if (starts.back() + kLanes - 1 < max_lag) starts.push_back(max_lag - kLanes + 1);
-  const GroupKernel run = group_kernel(kernel);
-  double out[kMaxGroups * kLanes];
-  for (std::size_t first = 0; first < starts.size(); first += kMaxGroups) {
-    const int groups = static_cast<int>(std::min<std::size_t>(kMaxGroups, starts.size() - first));
-    run(a.data(), b.data(), n, starts.data() + first, groups, out);
+  for (int64_t s = -max_lag; s + w - 1 <= max_lag; s += w) starts.push_back(static_cast<int32_t>(s));
+  if (starts.back() + w - 1 < max_lag) starts.push_back(max_lag - w + 1);
+  const std::size_t groups_per_sweep = static_cast<std::size_t>(kMaxLanesPerSweep / w);
+  double out[kMaxLanesPerSweep];
+  for (std::size_t first = 0; first < starts.size(); first += groups_per_sweep) {
+    const int groups = static_cast<int>(std::min(groups_per_sweep, starts.size() - first));
+    run.run(a.data(), b.data(), n, starts.data() + first, groups, out);
     for (int g = 0; g < groups; ++g) {
-      for (int j = 0; j < kLanes; ++j) scores[starts[first + static_cast<std::size_t>(g)] + j + max_lag] = out[g * kLanes + j];
+      for (int j = 0; j < w; ++j) scores[starts[first + static_cast<std::size_t>(g)] + j + max_lag] = out[g * w + j];
     }
   }
 }

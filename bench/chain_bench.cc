@@ -1,6 +1,8 @@
 // Per-chunk cost of the live analysis chain and of its parts.
 #include <benchmark/benchmark.h>
 
+#include <malloc.h>
+
 #include <cmath>
 #include <random>
 #include <string>
@@ -11,6 +13,7 @@
 #include "dsp/diagnostics.h"
 #include "dsp/direction.h"
 #include "dsp/gain.h"
+#include "dsp/lag_kernels.h"
 #include "live/live_mode.h"
 
 namespace sonderlark {
@@ -32,6 +35,9 @@ std::vector<int32_t> interleaved_chunk(std::size_t frames, bool silent) {
 // direction, beam. Silent input makes the estimate weak and takes the
 // fallback beam with its three extra lag searches.
 void BM_LiveChunkChain(benchmark::State& state) {
+  // As in live mode: freed chunk buffers stay in the heap.
+  mallopt(M_TRIM_THRESHOLD, 64 << 20);
+  mallopt(M_MMAP_THRESHOLD, 64 << 20);
   const std::size_t frames = static_cast<std::size_t>(state.range(0));
   const std::vector<int32_t> chunk = interleaved_chunk(frames, state.range(1) != 0);
   for (auto _ : state) {
@@ -56,6 +62,25 @@ void BM_BestLag(benchmark::State& state) {
       benchmark::Counter(static_cast<double>(17 * n), benchmark::Counter::kIsIterationInvariantRate);
 }
 BENCHMARK(BM_BestLag)->Arg(1024)->Arg(16000)->Unit(benchmark::kMicrosecond);
+
+// One +-8 search of 1024 samples with each kernel this machine has.
+void BM_LagKernel(benchmark::State& state) {
+  const std::vector<LagKernel> kernels = available_lag_kernels();
+  const std::size_t k = static_cast<std::size_t>(state.range(0));
+  if (k >= kernels.size()) {
+    state.SkipWithError("kernel not available here");
+    return;
+  }
+  const WavData chunk = chunk_from_frames(interleaved_chunk(1024, false).data(), 1024);
+  double scores[17];
+  for (auto _ : state) {
+    lag_scores(kernels[k], chunk.samples[0], chunk.samples[3], 8, scores);
+    benchmark::DoNotOptimize(scores);
+  }
+  const char* names[] = {"scalar", "portable (SSE2)", "AVX2", "AVX-512"};
+  state.SetLabel(names[static_cast<int>(kernels[k])]);
+}
+BENCHMARK(BM_LagKernel)->DenseRange(0, 3)->Unit(benchmark::kMicrosecond);
 
 void BM_ReadWavDecode(benchmark::State& state) {
   const std::size_t frames = static_cast<std::size_t>(state.range(0));

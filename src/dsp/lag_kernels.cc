@@ -193,9 +193,10 @@ __attribute__((always_inline)) inline void score_groups(const double* a, const d
   }
 }
 
+// Two lanes: one SSE2 register, which every x86-64 has.
 void score_groups_portable(const double* a, const double* b, int64_t n, const int32_t* starts, int groups,
                            double* out) {
-  score_groups<4>(a, b, n, starts, groups, out);
+  score_groups<2>(a, b, n, starts, groups, out);
 }
 
 #if defined(__x86_64__)
@@ -223,7 +224,7 @@ Kernel group_kernel(LagKernel kernel) {
   if (kernel == LagKernel::kAvx512) return {score_groups_avx512, 8};
 #endif
   (void)kernel;
-  return {score_groups_portable, 4};
+  return {score_groups_portable, 2};
 }
 
 }  // namespace

@@ -11,9 +11,9 @@ namespace sonderlark {
 // different lags, never parts of one sum.
 enum class LagKernel {
   kScalar,    // one lag at a time
-  kPortable,  // four lags per vector, plain x86-64 (SSE2) or any target
-  kAvx2,      // the same with 256-bit registers
-  kAvx512,    // the same compiled for AVX-512
+  kPortable,  // two lags per vector: plain x86-64 (SSE2) or any target
+  kAvx2,      // four lags per 256-bit register
+  kAvx512,    // eight lags per 512-bit register
 };
 
 // Kernels this machine can run, kScalar first.

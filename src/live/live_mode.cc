@@ -4,9 +4,11 @@
 #include <chrono>
 #include <cmath>
 #include <csignal>
+#include <malloc.h>
 #include <cstdlib>
 #include <sstream>
 
+#include "cli/exit_status.h"
 #include "dsp/beam.h"
 #include "dsp/gain.h"
 #include "report/live_status.h"
@@ -17,6 +19,7 @@ namespace sonderlark {
 namespace {
 
 constexpr double kScale32 = 1.0 / 2147483648.0;  // 2^-31
+constexpr int kKeepHeapBytes = 64 << 20;        // the largest chunk's buffers, many times over
 constexpr const char* kCaptureError = "arecord exited with nonzero status";
 
 std::string flag(bool value) { return value ? "true" : "false"; }
@@ -115,6 +118,11 @@ WavData chunk_from_frames(const int32_t* interleaved, std::size_t frame_count) {
 
 int run_live_mode(const Options& options, Logger& logger) {
   std::signal(SIGPIPE, SIG_IGN);
+  // Every chunk frees and allocates the same buffers again. Keep freed memory
+  // in the heap rather than handing it back to the kernel each time: fresh
+  // pages cost a fault and a clearing apiece.
+  mallopt(M_TRIM_THRESHOLD, kKeepHeapBytes);
+  mallopt(M_MMAP_THRESHOLD, kKeepHeapBytes);
   logger.line("Sonderlark live mode: raw Kinect mic array -> input gain -> beamforming -> mono s16le PCM");
   logger.line("live_pcm_output: " + options.pcm_output_path);
   logger.line("live_duration_seconds: " + std::to_string(options.live_duration_seconds));
@@ -129,7 +137,7 @@ int run_live_mode(const Options& options, Logger& logger) {
   logger.line("live capture command: " + state.capture.capture_command);
   logger.line("live arecord stderr: " + state.stderr_path);
 
-  if (!start_capture(state.capture, logger)) return 30;
+  if (!start_capture(state.capture, logger)) return kExitLiveStartFailed;
   state.pcm.path = options.pcm_output_path;
   open_pcm_output(state.pcm, logger);
 
@@ -176,13 +184,13 @@ int run_live_mode(const Options& options, Logger& logger) {
   if (state.chunks_processed > 0 && finite) {
     write_status(state, options, false, false, "stopped", "", final_stop.exit_code, stderr_text);
     logger.line("live clean finite-duration exit");
-    return 0;
+    return kExitOk;
   }
   const bool failed = final_stop.raw_status != 0;
   write_status(state, options, false, false, failed ? "degraded" : "stopped",
                failed ? kCaptureError : "", final_stop.exit_code, stderr_text);
   logger.line("live clean exit");
-  return failed ? 32 : 0;
+  return failed ? kExitLiveDegraded : kExitOk;
 }
 
 }  // namespace sonderlark

@@ -3,7 +3,7 @@
 #   make            Release build: build/sonderlark and build/sonderlark-sim
 #   make test       install what is missing, ASan+UBSan build, every test
 #   make demo       a one-shot run against a simulated array, no hardware needed
-#   make bench      Release benchmarks
+#   make bench      Release benchmarks: chain, one-shot hour, live throughput, latency
 #   make fuzz       both fuzz targets for FUZZ_SECONDS each (clang)
 #   make install    PREFIX=/usr/local by default; make uninstall removes it again
 
@@ -35,6 +35,9 @@ bench: deps
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DSONDERLARK_TESTS=OFF -DSONDERLARK_BENCH=ON >/dev/null
 	cmake --build build-bench -j $(JOBS)
 	build-bench/bench/sonderlark_bench
+	python3 bench/one_shot_hour.py build-bench 60
+	python3 bench/live_bench.py build-bench 5
+	python3 bench/latency.py build-bench 256 1024 4096
 
 fuzz: deps
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSONDERLARK_TESTS=OFF -DSONDERLARK_FUZZ=ON >/dev/null

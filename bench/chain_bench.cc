@@ -41,12 +41,11 @@ void BM_LiveChunkChain(benchmark::State& state) {
   const std::size_t frames = static_cast<std::size_t>(state.range(0));
   const std::vector<int32_t> chunk = interleaved_chunk(frames, state.range(1) != 0);
   for (auto _ : state) {
-    const WavData raw = chunk_from_frames(chunk.data(), frames);
     std::vector<std::string> warnings;
-    const WavData processed = apply_input_gain(raw, 6.0, warnings);
+    WavData processed = apply_input_gain(chunk_from_frames(chunk.data(), frames), 6.0, warnings);
     const ChannelDiagnostics levels = diagnose_channels(processed, "live processed channel");
     const DirectionEstimate direction = estimate_direction(processed, "processed-live");
-    const BeamformResult beam = beamform_delay_and_sum(processed, direction);
+    const BeamformResult beam = beamform_delay_and_sum(std::move(processed), direction);
     benchmark::DoNotOptimize(levels);
     benchmark::DoNotOptimize(beam);
   }

@@ -31,6 +31,8 @@ struct AngleRow {
   const char* angle;  // two decimals, from the physics: asin(lag / 8)
 };
 
+void PrintTo(const AngleRow& c, std::ostream* os) { *os << c.lag; }
+
 class DelayedNoise : public testing::TestWithParam<AngleRow> {};
 
 TEST_P(DelayedNoise, FindsTheLagAndItsAngleBitExactness) {

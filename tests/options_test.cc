@@ -91,6 +91,8 @@ struct CommandLineCase {
   bool prints_usage; // standard output is exactly the usage text
 };
 
+void PrintTo(const CommandLineCase& c, std::ostream* os) { *os << c.name; }
+
 class CommandLine : public testing::TestWithParam<CommandLineCase> {};
 
 TEST_P(CommandLine, ExitStatusMessagesAndNoLog) {

@@ -37,6 +37,8 @@ struct LayoutCase {
   std::vector<std::vector<double>> samples;
 };
 
+void PrintTo(const LayoutCase& c, std::ostream* os) { *os << c.name; }
+
 std::vector<LayoutCase> layout_cases() {
   std::vector<LayoutCase> cases;
   {
@@ -131,6 +133,8 @@ struct ErrorCase {
   Bytes file;
   std::string message;
 };
+
+void PrintTo(const ErrorCase& c, std::ostream* os) { *os << c.name; }
 
 std::vector<ErrorCase> error_cases() {
   const std::string not_riff = "not a RIFF/WAVE file: bad.wav";

@@ -22,12 +22,20 @@ constexpr double kPi = 3.141592653589793;
 
 LagResult best_lag(std::span<const double> a, std::span<const double> b, int32_t max_lag) {
   LagResult result;
-  std::vector<double> scores(2 * static_cast<std::size_t>(std::max(max_lag, 0)) + 1);
-  lag_scores(default_lag_kernel(), a, b, max_lag, scores.data());
+  // The searches of this tool use at most +-8: no allocation for those.
+  constexpr int32_t kStackLags = 2 * kEndToEndMaxLag + 1;
+  double stack_scores[kStackLags];
+  std::vector<double> heap_scores;
+  double* scores = stack_scores;
+  if (2 * static_cast<int64_t>(max_lag) + 1 > kStackLags) {
+    heap_scores.resize(2 * static_cast<std::size_t>(max_lag) + 1);
+    scores = heap_scores.data();
+  }
+  lag_scores(default_lag_kernel(), a, b, max_lag, scores);
   double best = -1.0;
   double second = -1.0;
   for (int32_t lag = -max_lag; lag <= max_lag; ++lag) {
-    const double r = scores[static_cast<std::size_t>(lag + max_lag)];
+    const double r = scores[lag + max_lag];
     if (r > best) {  // strictly: the most negative of equal scores wins
       second = best;
       best = r;

@@ -257,14 +257,18 @@ void lag_scores(LagKernel kernel, std::span<const double> a, std::span<const dou
   // Groups of W lags from -max_lag; the last group ends at +max_lag and may
   // overlap the one before (those lags are simply computed twice).
   const int w = run.lanes;
-  std::vector<int32_t> starts;
-  for (int64_t s = -max_lag; s + w - 1 <= max_lag; s += w) starts.push_back(static_cast<int32_t>(s));
-  if (starts.back() + w - 1 < max_lag) starts.push_back(max_lag - w + 1);
+  const std::size_t needed = static_cast<std::size_t>(lags / w + 2);
+  int32_t stack_starts[32];
+  std::vector<int32_t> heap_starts(needed > 32 ? needed : 0);
+  int32_t* starts = needed > 32 ? heap_starts.data() : stack_starts;
+  std::size_t groups_total = 0;
+  for (int64_t s = -max_lag; s + w - 1 <= max_lag; s += w) starts[groups_total++] = static_cast<int32_t>(s);
+  if (starts[groups_total - 1] + w - 1 < max_lag) starts[groups_total++] = max_lag - w + 1;
   const std::size_t groups_per_sweep = static_cast<std::size_t>(kMaxLanesPerSweep / w);
   double out[kMaxLanesPerSweep];
-  for (std::size_t first = 0; first < starts.size(); first += groups_per_sweep) {
-    const int groups = static_cast<int>(std::min(groups_per_sweep, starts.size() - first));
-    run.run(a.data(), b.data(), n, starts.data() + first, groups, out);
+  for (std::size_t first = 0; first < groups_total; first += groups_per_sweep) {
+    const int groups = static_cast<int>(std::min(groups_per_sweep, groups_total - first));
+    run.run(a.data(), b.data(), n, starts + first, groups, out);
     for (int g = 0; g < groups; ++g) {
       for (int j = 0; j < w; ++j) scores[starts[first + static_cast<std::size_t>(g)] + j + max_lag] = out[g * w + j];
     }

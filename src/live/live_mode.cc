@@ -49,14 +49,16 @@ void log_chunk(Logger& logger, const LiveState& state, const ChannelDiagnostics&
 }
 
 void process_chunk(LiveState& state, const Options& options, std::size_t frames, Logger& logger) {
-  const WavData chunk = chunk_from_frames(state.frame_buffer.data(), frames);
+  // The raw chunk is not used after the gain, nor the processed one after
+  // the beam: both stages work in place.
   std::vector<std::string> gain_warnings;
-  const WavData processed = apply_input_gain(chunk, options.input_gain_db, gain_warnings);
+  WavData processed =
+      apply_input_gain(chunk_from_frames(state.frame_buffer.data(), frames), options.input_gain_db, gain_warnings);
   const ChannelDiagnostics diagnostics = diagnose_channels(processed, "live processed channel");
   const DirectionEstimate direction = estimate_direction(processed, "processed-live");
   state.last_direction = direction;
   state.last_diagnostics = diagnostics;
-  const BeamformResult beam = beamform_delay_and_sum(processed, direction);
+  const BeamformResult beam = beamform_delay_and_sum(std::move(processed), direction);
   if (!state.speech_seen) state.speech_seen = detected_speech(diagnostics.rms);
 
   ++state.chunks_processed;
@@ -105,12 +107,15 @@ WavData chunk_from_frames(const int32_t* interleaved, std::size_t frame_count) {
   chunk.channels = kLiveChannels;
   chunk.bits_per_sample = 32;
   chunk.samples.assign(kLiveChannels, {});
+  double* out[kLiveChannels];
   for (int c = 0; c < kLiveChannels; ++c) {
-    std::vector<double>& channel = chunk.samples[static_cast<std::size_t>(c)];
-    channel.resize(frame_count);
-    for (std::size_t i = 0; i < frame_count; ++i) {
+    chunk.samples[static_cast<std::size_t>(c)].resize(frame_count);
+    out[c] = chunk.samples[static_cast<std::size_t>(c)].data();
+  }
+  for (std::size_t i = 0; i < frame_count; ++i) {
+    for (int c = 0; c < kLiveChannels; ++c) {
       const double v = interleaved[kLiveChannels * i + static_cast<std::size_t>(c)] * kScale32;
-      channel[i] = std::clamp(v, -1.0, 1.0);
+      out[c][i] = v < -1.0 ? -1.0 : (v > 1.0 ? 1.0 : v);  // never taken for 32-bit input; kept as a guard
     }
   }
   return chunk;

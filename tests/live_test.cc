@@ -226,28 +226,33 @@ TEST(LiveRealArecord, ASlowReaderCostsSamplesNotTime) {
   RealDevice device(3000000);
   const std::string fifo = device.tmp.path("mic.pcm");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  // Without a reader.
-  const test::RunResult alone = test::run(device.args("2", fifo), device.env());
-  const int chunks_alone = chunks_in(device.status());
-  // With a reader that opens the FIFO and never reads: the pipe fills at once.
-  const int reader = test::spawn({"python3", "-c",
-                                  "import os, sys, time\nfd = os.open(sys.argv[1], os.O_RDONLY | os.O_NONBLOCK)\n"
-                                  "time.sleep(60)",
-                                  fifo},
-                                 {}, device.tmp.path("r.out"), device.tmp.path("r.err"));
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  const test::RunResult slow = test::run(device.args("2", fifo), device.env());
-  kill(reader, SIGTERM);
-  test::wait_child(reader);
-  const int chunks_slow = chunks_in(device.status());
-  EXPECT_EQ(alone.exit_code, 0);
-  EXPECT_EQ(slow.exit_code, 0);
-  EXPECT_EQ(count(slow.out, "live PCM output connected"), 1) << slow.out;
-  EXPECT_EQ(count(slow.out, "reader disconnected"), 0);
+  // Runs without a reader and with one that opens the FIFO and never reads
+  // (the pipe fills at once), taken in turns; the best of three of each
+  // keeps the load of other processes out of the comparison.
+  int best_alone = 0;
+  int best_slow = 0;
+  for (int round = 0; round < 3; ++round) {
+    const test::RunResult alone = test::run(device.args("2", fifo), device.env());
+    EXPECT_EQ(alone.exit_code, 0);
+    best_alone = std::max(best_alone, chunks_in(device.status()));
+    const int reader = test::spawn({"python3", "-c",
+                                    "import os, sys, time\nfd = os.open(sys.argv[1], os.O_RDONLY | os.O_NONBLOCK)\n"
+                                    "time.sleep(60)",
+                                    fifo},
+                                   {}, device.tmp.path("r.out"), device.tmp.path("r.err"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const test::RunResult slow = test::run(device.args("2", fifo), device.env());
+    kill(reader, SIGTERM);
+    test::wait_child(reader);
+    EXPECT_EQ(slow.exit_code, 0);
+    EXPECT_EQ(count(slow.out, "live PCM output connected"), 1) << slow.out;
+    EXPECT_EQ(count(slow.out, "reader disconnected"), 0);
+    best_slow = std::max(best_slow, chunks_in(device.status()));
+  }
   // A blocking write would stall at the 33rd chunk; dropping keeps the pace.
-  EXPECT_GT(chunks_slow, chunks_alone * 0.9) << chunks_slow << " against " << chunks_alone;
-  RecordProperty("chunks_alone", chunks_alone);
-  RecordProperty("chunks_slow_reader", chunks_slow);
+  EXPECT_GT(best_slow, best_alone * 0.9) << best_slow << " against " << best_alone;
+  RecordProperty("chunks_alone", best_alone);
+  RecordProperty("chunks_slow_reader", best_slow);
 }
 
 // A stand-in arecord for failure injection.

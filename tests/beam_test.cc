@@ -6,14 +6,7 @@
 namespace sonderlark {
 namespace {
 
-WavData record(std::vector<std::vector<double>> channels) {
-  WavData w;
-  w.sample_rate = 16000;
-  w.channels = static_cast<int32_t>(channels.size());
-  w.bits_per_sample = 32;
-  w.samples = std::move(channels);
-  return w;
-}
+using test::record;
 
 DirectionEstimate confident(int32_t lag) {
   DirectionEstimate d;

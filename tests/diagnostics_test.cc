@@ -7,14 +7,7 @@
 namespace sonderlark {
 namespace {
 
-WavData record(int32_t rate, std::vector<std::vector<double>> channels) {
-  WavData w;
-  w.sample_rate = rate;
-  w.channels = static_cast<int32_t>(channels.size());
-  w.bits_per_sample = 16;
-  w.samples = std::move(channels);
-  return w;
-}
+WavData record(int32_t rate, std::vector<std::vector<double>> channels) { return test::record(std::move(channels), rate, 16); }
 
 TEST(DiagnoseChannels, SilentEmptyAndShortChannels) {
   const ChannelDiagnostics d =

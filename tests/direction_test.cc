@@ -9,14 +9,7 @@
 namespace sonderlark {
 namespace {
 
-WavData record(std::vector<std::vector<double>> channels) {
-  WavData w;
-  w.sample_rate = 16000;
-  w.channels = static_cast<int32_t>(channels.size());
-  w.bits_per_sample = 32;
-  w.samples = std::move(channels);
-  return w;
-}
+using test::record;
 
 // Channel c hears the noise round(c x L / 3) samples after channel 0.
 WavData delayed_noise(int end_to_end_lag, std::size_t n = 4096, uint32_t seed = 7) {

@@ -76,32 +76,6 @@ std::vector<uint8_t> speech_frames(const test::TempDir& tmp) {
   return test::read_bytes(tmp.path("frames.raw"));
 }
 
-// The beam the library makes of `frames`, chunk by chunk, as 16-bit samples.
-std::vector<int16_t> expected_beam(const std::vector<uint8_t>& frames, std::size_t chunk_frames, std::size_t chunks) {
-  std::vector<int16_t> out;
-  const std::size_t available = frames.size() / 16;
-  for (std::size_t k = 0; k < chunks; ++k) {
-    WavData chunk;
-    chunk.sample_rate = 16000;
-    chunk.channels = 4;
-    chunk.bits_per_sample = 32;
-    chunk.samples.assign(4, std::vector<double>(chunk_frames, 0.0));
-    for (std::size_t f = 0; f < chunk_frames && k * chunk_frames + f < available; ++f) {
-      for (std::size_t c = 0; c < 4; ++c) {
-        const uint8_t* p = frames.data() + ((k * chunk_frames + f) * 4 + c) * 4;
-        const int32_t s = static_cast<int32_t>(p[0] | (p[1] << 8) | (p[2] << 16) | (static_cast<uint32_t>(p[3]) << 24));
-        chunk.samples[c][f] = s / 2147483648.0;
-      }
-    }
-    std::vector<std::string> warnings;
-    const WavData processed = apply_input_gain(chunk, 0.0, warnings);
-    for (double x : beamform_delay_and_sum(processed, estimate_direction(processed, "processed-live")).samples) {
-      out.push_back(pcm16_from_sample(x));
-    }
-  }
-  return out;
-}
-
 double rms(const std::vector<double>& x, std::size_t begin, std::size_t end) {
   double sum = 0.0;
   for (std::size_t i = begin; i < end; ++i) sum += x[i] * x[i];
@@ -150,7 +124,7 @@ TEST(VirtualMicrophone, ParecordHearsTheBeam) {
 
   const int chunks = std::stoi(run.out.substr(run.out.find("live chunks_processed: ") + 23));
   ASSERT_GT(chunks, 40);
-  const std::vector<int16_t> beam = expected_beam(frames, 1024, static_cast<std::size_t>(chunks));
+  const std::vector<int16_t> beam = test::library_beam(frames, 1024, static_cast<std::size_t>(chunks));
   const WavData rec = read_wav(tmp.path("rec.wav"));
   ASSERT_EQ(rec.channels, 1);
   ASSERT_EQ(rec.sample_rate, 16000);

@@ -9,14 +9,7 @@
 namespace sonderlark {
 namespace {
 
-WavData record(std::vector<std::vector<double>> channels) {
-  WavData w;
-  w.sample_rate = 16000;
-  w.channels = static_cast<int32_t>(channels.size());
-  w.bits_per_sample = 32;
-  w.samples = std::move(channels);
-  return w;
-}
+using test::record;
 
 TEST(ApplyInputGain, ZeroDbIsBitExactAndSilent) {
   const WavData raw = record({test::white_noise(1000, 1.0, 1), {-1.0, 0.999999, -0.5}});

@@ -46,35 +46,6 @@ std::vector<uint8_t> array_frames(std::size_t frames, int lag, uint32_t seed = 3
   return bytes;
 }
 
-// The PCM stream the library makes of the first `chunks` chunks of `frames`,
-// computed stage by stage from the raw bytes.
-std::string expected_pcm(const std::vector<uint8_t>& frames, std::size_t chunk_frames, std::size_t chunks) {
-  std::string pcm;
-  for (std::size_t k = 0; k < chunks; ++k) {
-    WavData chunk;
-    chunk.sample_rate = 16000;
-    chunk.channels = 4;
-    chunk.bits_per_sample = 32;
-    chunk.samples.assign(4, {});
-    for (std::size_t f = 0; f < chunk_frames; ++f) {
-      for (std::size_t c = 0; c < 4; ++c) {
-        const uint8_t* p = frames.data() + ((k * chunk_frames + f) * 4 + c) * 4;
-        const int32_t s = static_cast<int32_t>(p[0] | (p[1] << 8) | (p[2] << 16) | (static_cast<uint32_t>(p[3]) << 24));
-        chunk.samples[c].push_back(s / 2147483648.0);
-      }
-    }
-    std::vector<std::string> warnings;
-    const WavData processed = apply_input_gain(chunk, 0.0, warnings);
-    const BeamformResult beam = beamform_delay_and_sum(processed, estimate_direction(processed, "processed-live"));
-    for (double x : beam.samples) {
-      const uint16_t v = static_cast<uint16_t>(pcm16_from_sample(x));
-      pcm += static_cast<char>(v & 0xFF);
-      pcm += static_cast<char>(v >> 8);
-    }
-  }
-  return pcm;
-}
-
 // A value of the status file, through Python's strict JSON parser.
 std::string status_value(const std::string& path, const std::string& key) {
   const test::RunResult r = test::run(
@@ -130,7 +101,7 @@ TEST(LiveRealArecord, FiniteRunWritesExactlyTheBeamsToARegularFile) {
   const int chunks = chunks_in(device.status());
   ASSERT_GT(chunks, 0);
   ASSERT_LE(static_cast<std::size_t>(chunks) * 1024, device.frames.size() / 16) << "the device ran dry";
-  EXPECT_TRUE(test::read_file(device.tmp.path("out.pcm")) == expected_pcm(device.frames, 1024, chunks));
+  EXPECT_TRUE(test::read_file(device.tmp.path("out.pcm")) == test::library_beam_bytes(device.frames, 1024, chunks));
   EXPECT_EQ(status_value(device.status(), "direction_angle_degrees"), "30.0");
   EXPECT_EQ(status_value(device.status(), "direction_samples_source"), "\"processed-live\"");
   // The real arecord, its pipe closed, ends with exit code 1 ("Broken pipe").
@@ -182,7 +153,7 @@ TEST(LiveRealArecord, FifoWithAReaderThatKeepsUpGetsTheSameBytes) {
   expect_finite_clean_end(r, device.status());
   EXPECT_EQ(count(r.out, "warning: live PCM output"), 0) << r.out;
   const int chunks = chunks_in(device.status());
-  EXPECT_TRUE(test::read_file(device.tmp.path("received")) == expected_pcm(device.frames, 1024, chunks));
+  EXPECT_TRUE(test::read_file(device.tmp.path("received")) == test::library_beam_bytes(device.frames, 1024, chunks));
 }
 
 TEST(LiveRealArecord, ReaderAttachesLeavesAndReturns) {
@@ -210,7 +181,7 @@ TEST(LiveRealArecord, ReaderAttachesLeavesAndReturns) {
   EXPECT_LT(log.find(no_reader), log.find("live PCM output connected"));
 
   // Each reader got a run of whole chunks from the stream, starting at a chunk.
-  const std::string all = expected_pcm(device.frames, 1024, static_cast<std::size_t>(chunks_in(device.status())));
+  const std::string all = test::library_beam_bytes(device.frames, 1024, static_cast<std::size_t>(chunks_in(device.status())));
   for (const std::string part : {"part1", "part2"}) {
     SCOPED_TRACE(part);
     const std::string got = test::read_file(device.tmp.path(part));
@@ -421,16 +392,6 @@ TEST(ChooseStatusPath, EventOutputThenXdgStateHomeThenHomeThenBuild) {
   EXPECT_EQ(choose_status_path(options), "build/sonderlark-live-event.json");
   options.event_output_path = "mine.json";
   EXPECT_EQ(choose_status_path(options), "mine.json");
-}
-
-TEST(ChunkFromFrames, ScalesAndDeinterleaves) {
-  const int32_t frames[] = {INT32_MIN, INT32_MAX, 0, 1 << 30, -1, 2, 3, 4};
-  const WavData w = chunk_from_frames(frames, 2);
-  EXPECT_EQ(w.sample_rate, 16000);
-  EXPECT_EQ(w.channels, 4);
-  EXPECT_EQ(w.samples[0], (std::vector<double>{-1.0, -1.0 / 2147483648.0}));
-  EXPECT_EQ(w.samples[1], (std::vector<double>{2147483647.0 / 2147483648.0, 2.0 / 2147483648.0}));
-  EXPECT_EQ(w.samples[3], (std::vector<double>{0.5, 4.0 / 2147483648.0}));
 }
 
 }  // namespace

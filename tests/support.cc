@@ -1,5 +1,9 @@
 #include "support.h"
 
+#include "dsp/beam.h"
+#include "dsp/direction.h"
+#include "dsp/gain.h"
+
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -143,6 +147,45 @@ std::vector<double> shifted(const std::vector<double>& x, int delay) {
     if (j >= 0 && j < n) y[static_cast<std::size_t>(i)] = x[static_cast<std::size_t>(j)];
   }
   return y;
+}
+
+WavData record(std::vector<std::vector<double>> channels, int32_t sample_rate, int32_t bits) {
+  WavData w;
+  w.sample_rate = sample_rate;
+  w.channels = static_cast<int32_t>(channels.size());
+  w.bits_per_sample = bits;
+  w.samples = std::move(channels);
+  return w;
+}
+
+std::vector<int16_t> library_beam(const std::vector<uint8_t>& frames, std::size_t chunk_frames, std::size_t chunks) {
+  std::vector<int16_t> out;
+  const std::size_t available = frames.size() / 16;
+  for (std::size_t k = 0; k < chunks; ++k) {
+    std::vector<std::vector<double>> channels(4, std::vector<double>(chunk_frames, 0.0));
+    for (std::size_t f = 0; f < chunk_frames && k * chunk_frames + f < available; ++f) {
+      for (std::size_t c = 0; c < 4; ++c) {
+        const uint8_t* p = frames.data() + ((k * chunk_frames + f) * 4 + c) * 4;
+        const int32_t s = static_cast<int32_t>(p[0] | (p[1] << 8) | (p[2] << 16) | (static_cast<uint32_t>(p[3]) << 24));
+        channels[c][f] = s / 2147483648.0;
+      }
+    }
+    std::vector<std::string> warnings;
+    const WavData processed = apply_input_gain(record(channels), 0.0, warnings);
+    for (double x : beamform_delay_and_sum(processed, estimate_direction(processed, "processed-live")).samples) {
+      out.push_back(pcm16_from_sample(x));
+    }
+  }
+  return out;
+}
+
+std::string library_beam_bytes(const std::vector<uint8_t>& frames, std::size_t chunk_frames, std::size_t chunks) {
+  std::string pcm;
+  for (int16_t v : library_beam(frames, chunk_frames, chunks)) {
+    pcm += static_cast<char>(static_cast<uint16_t>(v) & 0xFF);
+    pcm += static_cast<char>(static_cast<uint16_t>(v) >> 8);
+  }
+  return pcm;
 }
 
 Bytes& Bytes::str(const std::string& s) {

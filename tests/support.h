@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "audio/wav.h"
+
 namespace sonderlark::test {
 
 // A fresh directory under the system temp dir, removed with its contents.
@@ -56,6 +58,17 @@ std::vector<double> white_noise(std::size_t n, double amplitude, uint32_t seed);
 
 // x delayed by `delay` whole samples (zeros shifted in); negative delays lead.
 std::vector<double> shifted(const std::vector<double>& x, int delay);
+
+// A record of the given channels (full scale 1.0).
+WavData record(std::vector<std::vector<double>> channels, int32_t sample_rate = 16000, int32_t bits = 32);
+
+// What live mode must stream for the first `chunks` chunks of interleaved
+// S32_LE `frames` (zeros past their end), computed stage by stage with the
+// library: gain 0 dB, estimate, beam, 16-bit conversion.
+std::vector<int16_t> library_beam(const std::vector<uint8_t>& frames, std::size_t chunk_frames, std::size_t chunks);
+
+// The same as s16le bytes.
+std::string library_beam_bytes(const std::vector<uint8_t>& frames, std::size_t chunk_frames, std::size_t chunks);
 
 // Little-endian byte builder for hand-made WAV files.
 struct Bytes {

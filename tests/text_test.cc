@@ -49,16 +49,6 @@ TEST(VectorJson, Samples) {
   EXPECT_EQ(int_vector_json({3, -1, 0}), "[3, -1, 0]");
 }
 
-TEST(Fixed, RoundsLikePrintf) {
-  EXPECT_EQ(fixed(5.0, 6), "5.000000");
-  EXPECT_EQ(fixed(-12.5, 6), "-12.500000");
-  EXPECT_EQ(fixed(-14.47751, 2), "-14.48");
-  EXPECT_EQ(fixed(-0.001, 2), "-0.00");
-  EXPECT_EQ(fixed(12, 1), "12.0");
-  EXPECT_EQ(fixed(0.25, 1), "0.2");  // the exact binary half rounds to even, as printf does
-  EXPECT_EQ(fixed(1e300, 0).size(), 301u);
-}
-
 TEST(NowIso8601Utc, PatternAndClock) {
   const std::time_t before = std::time(nullptr);
   const std::string stamp = now_iso8601_utc();
@@ -69,14 +59,6 @@ TEST(NowIso8601Utc, PatternAndClock) {
   const std::time_t t = timegm(&parsed);
   EXPECT_GE(t, before);
   EXPECT_LE(t, after);
-}
-
-TEST(ReadTextFile, WholeFileOrEmpty) {
-  test::TempDir tmp;
-  EXPECT_EQ(read_text_file(tmp.path("missing")), "");
-  const std::string content("line 1\r\n\0binary\n  ", 19);
-  test::write_file(tmp.path("f"), content);
-  EXPECT_EQ(read_text_file(tmp.path("f")), content);
 }
 
 TEST(Logger, TruncatesAndFlushesEveryLine) {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -132,15 +133,39 @@ TEST(LiveRealArecord, FiniteRunWritesExactlyTheBeamsToARegularFile) {
   EXPECT_NE(r.out.find("\nlive chunks_processed: " + std::to_string(chunks) + "\n"), std::string::npos);
 }
 
-// Spawns `cat FIFO > OUT` and waits until it is blocked opening the FIFO.
+// Spawns a reader that copies FIFO to OUT and waits until it is blocked
+// opening the FIFO. It widens the pipe to 1 MiB, so that a moment off the
+// CPU on a busy machine does not make the writer drop samples.
 int spawn_fifo_reader(const std::string& fifo, const std::string& out, const std::string& err) {
-  const int pid = test::spawn({"cat", fifo}, {}, out, err);
-  for (int i = 0; i < 200; ++i) {
-    const std::string wchan = test::read_file("/proc/" + std::to_string(pid) + "/wchan");
-    if (wchan.find("fifo") != std::string::npos || wchan.find("pipe") != std::string::npos) break;
+  const int pid = test::spawn({"python3", "-c",
+                               "import fcntl, os, sys\n"
+                               "fd = os.open(sys.argv[1], os.O_RDONLY)\n"
+                               "fcntl.fcntl(fd, 1031, 1 << 20)  # F_SETPIPE_SZ\n"
+                               "with open(sys.argv[2], 'wb') as out:\n"
+                               "    while data := os.read(fd, 65536):\n"
+                               "        out.write(data); out.flush()",
+                               fifo, out},
+                              {}, out + ".stdout", err);
+  // Ready once it waits in open() for a writer, or already has the FIFO open.
+  const std::string proc = "/proc/" + std::to_string(pid);
+  for (int i = 0; i < 500; ++i) {
+    if (test::read_file(proc + "/wchan").find("wait_for_partner") != std::string::npos) break;
+    std::error_code ignored;
+    bool open = false;
+    for (const auto& fd : fs::directory_iterator(proc + "/fd", ignored)) {
+      open = open || fs::read_symlink(fd.path(), ignored).string() == fifo;
+    }
+    if (open) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return pid;
+}
+
+// Lets a reader still waiting for a writer see the end of the stream.
+int finish_fifo_reader(int pid, const std::string& fifo) {
+  const int fd = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+  if (fd >= 0) close(fd);
+  return test::wait_child(pid);
 }
 
 TEST(LiveRealArecord, FifoWithAReaderThatKeepsUpGetsTheSameBytes) {
@@ -149,7 +174,7 @@ TEST(LiveRealArecord, FifoWithAReaderThatKeepsUpGetsTheSameBytes) {
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   const int reader = spawn_fifo_reader(fifo, device.tmp.path("received"), device.tmp.path("cat.err"));
   const test::RunResult r = test::run(device.args("2", fifo), device.env());
-  EXPECT_EQ(test::wait_child(reader), 0);
+  EXPECT_EQ(finish_fifo_reader(reader, fifo), 0);
   expect_finite_clean_end(r, device.status());
   EXPECT_EQ(count(r.out, "warning: live PCM output"), 0) << r.out;
   const int chunks = chunks_in(device.status());
@@ -169,7 +194,7 @@ TEST(LiveRealArecord, ReaderAttachesLeavesAndReturns) {
   std::this_thread::sleep_for(std::chrono::milliseconds(600));
   const int second = spawn_fifo_reader(fifo, device.tmp.path("part2"), device.tmp.path("cat2.err"));
   EXPECT_EQ(test::wait_child(tool), 0);
-  EXPECT_EQ(test::wait_child(second), 0);
+  EXPECT_EQ(finish_fifo_reader(second, fifo), 0);
 
   const std::string log = test::read_file(device.tmp.path("out"));
   const std::string no_reader =

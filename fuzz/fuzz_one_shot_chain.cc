@@ -33,23 +33,26 @@ extern "C" int FUZZ_ENTRY(const uint8_t* data, size_t size) {
   // The last byte picks a gain from -60 to +36 dB, so clipping paths run too.
   const double gain_db = size > 0 ? -60.0 + (data[size - 1] % 97) : 0.0;
 
+  // The stages as the one-shot run calls them, in place where it does.
   const ChannelDiagnostics raw = diagnose_channels(input, "raw channel");
+  const std::size_t m = static_cast<std::size_t>(input.channels);
+  const std::size_t frames = input.samples[0].size();
   std::vector<std::string> warnings;
-  const WavData processed = apply_input_gain(input, gain_db, warnings);
+  WavData processed = apply_input_gain(std::move(input), gain_db, warnings);
   const ChannelDiagnostics levels = diagnose_channels(processed, "processed channel");
   const DirectionEstimate direction = estimate_direction(processed, "processed");
-  const BeamformResult beam = beamform_delay_and_sum(processed, direction);
+  const int32_t sample_rate = processed.sample_rate;
+  const BeamformResult beam = beamform_delay_and_sum(std::move(processed), direction);
 
   WavData beam_record;
-  beam_record.sample_rate = input.sample_rate;
+  beam_record.sample_rate = sample_rate;
   beam_record.channels = 1;
   beam_record.bits_per_sample = 16;
   beam_record.samples.push_back(beam.samples);
   const ChannelDiagnostics beam_levels = diagnose_channels(beam_record, "beamformed channel");
 
-  const std::size_t m = static_cast<std::size_t>(input.channels);
   if (raw.rms.size() != m || levels.peak.size() != m || beam_levels.rms.size() != 1) std::abort();
-  if (beam.lags.size() != m || beam.samples.size() != input.samples[0].size()) std::abort();
+  if (beam.lags.size() != m || beam.samples.size() != frames) std::abort();
   for (double v : beam.samples) {
     if (!(v >= -1.0 && v <= 1.0)) std::abort();
   }

@@ -4,7 +4,8 @@ read with a strict JSON parser, and prints the counts as one JSON line.
 
 Usage: poll_status.py STATUS_FILE STOP_FILE
 A read is good when it parses to an object with the 20 members; partial when
-it does not parse or is incomplete; missing when the file is not there.
+it does not parse or is incomplete; missing when the file is not there, and
+missing_after when that happens after a good read.
 """
 import json
 import os
@@ -17,7 +18,7 @@ def reject(constant):
 
 def main():
     path, stop = sys.argv[1], sys.argv[2]
-    counts = {"reads": 0, "good": 0, "partial": 0, "missing": 0, "distinct": 0}
+    counts = {"reads": 0, "good": 0, "partial": 0, "missing": 0, "missing_after": 0, "distinct": 0}
     last = None
     while not os.path.exists(stop):
         try:
@@ -26,6 +27,7 @@ def main():
         except FileNotFoundError:
             counts["reads"] += 1
             counts["missing"] += 1
+            counts["missing_after"] += counts["good"] > 0
             continue
         counts["reads"] += 1
         try:

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <regex>
 
 #include "report/live_status.h"
@@ -119,6 +121,30 @@ TEST(WriteLiveEventJson, TwentyMembersInOrder) {
             "  \"processed_channel_rms\": [0.50000000, 0.25000000]\n"
             "}\n");
   EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
+}
+
+TEST(WriteLiveEventJson, LaterRecordsReplaceTheFileAndLeaveNoTemporary) {
+  test::TempDir tmp;
+  const std::string path = tmp.path("status.json");
+  write_status(path, "running", 1);
+  // A reader holding the old record keeps reading it whole.
+  std::ifstream reader(path);
+  write_status(path, "running", 2);
+  write_status(path, "stopped", 3);
+  EXPECT_NE(test::read_file(path).find("\"chunks_processed\": 3,"), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
+  const std::string held((std::istreambuf_iterator<char>(reader)), std::istreambuf_iterator<char>());
+  EXPECT_NE(held.find("\"chunks_processed\": 1,"), std::string::npos);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(tmp.path(".")), std::filesystem::directory_iterator{}),
+            1);  // nothing but the status file
+
+  // A directory in the file's place is never moved: the rename fails quietly
+  // and the temporary file stays behind.
+  const std::string folder = tmp.path("folder.json");
+  std::filesystem::create_directory(folder);
+  write_status(folder, "running", 4);
+  EXPECT_TRUE(std::filesystem::is_directory(folder));
+  EXPECT_NE(test::read_file(folder + ".tmp").find("\"chunks_processed\": 4,"), std::string::npos);
 }
 
 TEST(WriteLiveEventJson, FailedTemporaryWriteKeepsThePreviousRecord) {

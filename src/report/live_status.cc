@@ -1,13 +1,50 @@
 #include "report/live_status.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
+#include <sstream>
 
 #include "report/json.h"
 #include "util/text.h"
 
 namespace sonderlark {
+namespace {
+
+bool write_whole(int fd, const std::string& text) {
+  std::size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t n = write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+// Moves `temp_path` over `path` in one step. The two are exchanged and the
+// old record, now at `temp_path`, is unlinked right away: on ext4 a plain
+// rename over an existing file flushes the new file's data at once and frees
+// the old file's blocks, which with online discard waits for the disk on
+// every record; a record that lives a few milliseconds and is dropped before
+// writeback costs neither. A directory in the file's place is exchanged back
+// (unlink refuses it), so it stays where it was and the temporary file stays
+// behind, as after a failed rename. Where there is nothing to exchange with,
+// or the file system cannot exchange, a plain rename does the job.
+void replace_file(const std::string& temp_path, const std::string& path) {
+  if (renameat2(AT_FDCWD, temp_path.c_str(), AT_FDCWD, path.c_str(), RENAME_EXCHANGE) != 0) {
+    std::rename(temp_path.c_str(), path.c_str());
+    return;
+  }
+  if (unlink(temp_path.c_str()) != 0 && (errno == EISDIR || errno == EPERM)) {
+    renameat2(AT_FDCWD, temp_path.c_str(), AT_FDCWD, path.c_str(), RENAME_EXCHANGE);
+  }
+}
+
+}  // namespace
 
 void write_live_event_json(const std::string& path, const Options& options,
                            const DirectionEstimate& direction, const ChannelDiagnostics& diagnostics,
@@ -22,8 +59,7 @@ void write_live_event_json(const std::string& path, const Options& options,
   }
 
   const std::string temp_path = path + ".tmp";
-  std::ofstream out(temp_path, std::ios::out | std::ios::trunc);
-  if (!out) return;
+  std::ostringstream out;
 
   auto flag = [](bool value) { return value ? "true" : "false"; };
   out << "{\n"
@@ -48,10 +84,14 @@ void write_live_event_json(const std::string& path, const Options& options,
       << "  \"detected_speech\": " << flag(detected_speech) << ",\n"
       << "  \"processed_channel_rms\": " << vector_json(diagnostics.rms) << "\n"
       << "}\n";
-  out.close();
-  // A record that did not reach the disk whole must not replace the last good one.
-  if (out.fail()) return;
-  std::rename(temp_path.c_str(), path.c_str());
+  const std::string record = out.str();
+
+  const int fd = open(temp_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (fd < 0) return;
+  const bool written = write_whole(fd, record);
+  // A record that did not reach the file whole must not replace the last good one.
+  if (close(fd) != 0 || !written) return;
+  replace_file(temp_path, path);
 }
 
 }  // namespace sonderlark

@@ -9,8 +9,9 @@
 namespace sonderlark {
 
 // Replaces the live status file at `path` (20 members, fixed order) through
-// `path`.tmp and rename, so readers see the old or the new record, never a
-// mix. Creates missing parent directories on every call (a failure there
+// `path`.tmp, moved into place in one step (an exchange with the old file,
+// which is then unlinked, or a rename), so readers see the old or the new
+// record, never a mix, and never find the file missing. Creates missing parent directories on every call (a failure there
 // throws std::filesystem::filesystem_error). An empty path writes nothing;
 // a temporary file that cannot be opened, written or closed leaves the
 // previous record in place, silently.

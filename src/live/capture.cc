@@ -1,11 +1,17 @@
 #include "live/capture.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <ctime>
 
 #include "util/text.h"
 
 namespace sonderlark {
+namespace {
+
+constexpr std::size_t kCaptureBufferBytes = 64 * 1024;
+
+}  // namespace
 
 std::string build_capture_command(const std::string& device) {
   return "arecord -D " + shell_quote(device) + " -f S32_LE -r " + std::to_string(16000) + " -c " +
@@ -23,6 +29,10 @@ bool start_capture(CaptureChild& child, Logger& logger) {
     logger.line("error: failed to start arecord for live mode");
     return false;
   }
+  // A buffer as large as a pipe's: one read takes everything arecord wrote
+  // since the last one, instead of a page at a time.
+  child.pipe_buffer.resize(kCaptureBufferBytes);
+  std::setvbuf(child.pipe, child.pipe_buffer.data(), _IOFBF, child.pipe_buffer.size());
   return true;
 }
 

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "util/logger.h"
 
@@ -13,6 +14,7 @@ struct CaptureChild {
   std::string capture_command;  // arecord command proper: logged and published
   std::string launch_command;   // capture_command plus the stderr redirection
   FILE* pipe = nullptr;         // read end while a child runs, else null
+  std::vector<char> pipe_buffer;  // the stream's buffer, as large as the pipe
   int32_t restart_attempts = 0; // restarts since the child was last healthy
 };
 

@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <limits>
+#include <random>
 #include <regex>
 
 #include "report/json.h"
@@ -47,6 +50,31 @@ TEST(VectorJson, Samples) {
   EXPECT_EQ(vector_json({inf, -inf, std::nan("")}), "[inf, -inf, nan]");
   EXPECT_EQ(int_vector_json({}), "[]");
   EXPECT_EQ(int_vector_json({3, -1, 0}), "[3, -1, 0]");
+}
+
+// fixed() must write what printf's "%.*f" writes: the logs, manifests and
+// status files were defined with it. Exact ties (0.125 to 2 digits), values
+// next to them, huge, tiny, negative zero, inf and nan.
+TEST(Fixed, WritesWhatPrintfWrites) {
+  std::vector<double> values = {0.0, -0.0, 0.125, 0.375, 2.5, -2.5, 0.005, 1e-9, -1e-300, 4.9e-324, 1.0 / 3.0,
+                                1e22, -1.7976931348623157e308, 123456.789, 0.99999999995, 30.000000000000004,
+                                std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity(),
+                                std::nan(""), -std::nan("")};
+  std::mt19937_64 rng(11);
+  for (int i = 0; i < 20000; ++i) {
+    uint64_t bits = rng();
+    double v;
+    std::memcpy(&v, &bits, sizeof v);
+    values.push_back(i % 2 ? v : std::ldexp(static_cast<double>(rng() % 100000), -static_cast<int>(rng() % 20)));
+    values.push_back(std::nextafter(values.back(), 0.0));
+  }
+  for (const double v : values) {
+    for (int decimals = 0; decimals <= 8; ++decimals) {
+      char expected[512];
+      std::snprintf(expected, sizeof expected, "%.*f", decimals, v);
+      ASSERT_EQ(fixed(v, decimals), expected) << decimals << " digits of " << v;
+    }
+  }
 }
 
 TEST(NowIso8601Utc, PatternAndClock) {

@@ -1,5 +1,6 @@
 #include "util/text.h"
 
+#include <charconv>
 #include <cstdio>
 #include <ctime>
 #include <fstream>
@@ -36,9 +37,11 @@ std::string read_text_file(const std::string& path) {
 }
 
 std::string fixed(double value, int decimals) {
-  char text[512];  // enough for the widest double in %f
-  const int n = std::snprintf(text, sizeof text, "%.*f", decimals, value);
-  return std::string(text, n > 0 ? static_cast<std::size_t>(n) : 0);
+  // to_chars with a precision writes what printf's "%.*f" writes, exactly
+  // rounded, without the locale and the format parsing.
+  char text[512];  // enough for the widest double in fixed notation
+  const std::to_chars_result r = std::to_chars(text, text + sizeof text, value, std::chars_format::fixed, decimals);
+  return std::string(text, r.ec == std::errc() ? r.ptr : text);
 }
 
 }  // namespace sonderlark

@@ -7,7 +7,8 @@ Usage: bench/live_bench.py BUILD_DIR [SECONDS]
   per second with the status file on /tmp and on /dev/shm.
 - paced: a pacer writes one arecord period (2000 frames) every 125 ms into a
   FIFO that the device reads; reports the tool's own CPU time (the arecord
-  child excluded) per second of audio, from /proc/PID/stat.
+  child excluded) per second of audio, from /proc/PID/task/*/schedstat
+  (nanoseconds on the CPU, summed over the tool's threads).
 """
 import json
 import os
@@ -20,7 +21,6 @@ import tempfile
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-TICKS = os.sysconf("SC_CLK_TCK")
 
 
 def frames(path, seconds):
@@ -43,24 +43,32 @@ def asoundrc(config, infile):
 
 
 def cpu_seconds(pid):
-    with open(f"/proc/{pid}/stat") as f:
-        fields = f.read().rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / TICKS  # utime + stime of the process alone
+    total = 0
+    for task in os.listdir(f"/proc/{pid}/task"):
+        with open(f"/proc/{pid}/task/{task}/schedstat") as f:
+            total += int(f.read().split()[0])  # time on the CPU, ns; children are not included
+    return total / 1e9
 
 
-def run_tool(build, env, status, seconds, sample_cpu=False):
+def run_tool(build, env, status, seconds):
+    """Runs the tool; returns its chunk count, its whole CPU time and its CPU
+    share of one core from 5 s after the start to the last sample (the
+    steady state, without start-up)."""
     args = [os.path.join(build, "sonderlark"), "--live", "--device", "sonderlark_array", "--live-duration",
             str(seconds), "--pcm-output", "/nonexistent/pcm", "--event-output", status, "--log", ""]
+    start = time.monotonic()
     tool = subprocess.Popen(args, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    cpu = 0.0
+    samples = []
     while tool.poll() is None:
         try:
-            cpu = cpu_seconds(tool.pid)
-        except (FileNotFoundError, ProcessLookupError, IndexError):
+            samples.append((time.monotonic() - start, cpu_seconds(tool.pid)))
+        except (FileNotFoundError, ProcessLookupError, IndexError, ValueError):
             pass
         time.sleep(0.05)
+    steady = [s for s in samples if s[0] >= 5.0]
+    share = (steady[-1][1] - steady[0][1]) / (steady[-1][0] - steady[0][0]) if len(steady) > 1 else float("nan")
     with open(status) as f:
-        return json.load(f)["chunks_processed"], cpu
+        return json.load(f)["chunks_processed"], samples[-1][1], share
 
 
 def main():
@@ -74,19 +82,20 @@ def main():
         env = dict(os.environ, XDG_CONFIG_HOME=os.path.join(work, "config"))
         asoundrc(env["XDG_CONFIG_HOME"], raw)
         for where, folder in [("/tmp (ext4)", work), ("/dev/shm (tmpfs)", shm)]:
-            chunks, _ = run_tool(build, env, os.path.join(folder, "status.json"), seconds)
+            chunks, _, _ = run_tool(build, env, os.path.join(folder, "status.json"), seconds)
             print(f"unpaced, status on {where}: {chunks / seconds:.0f} chunks/s ({chunks} chunks in {seconds} s)")
 
         fifo = os.path.join(work, "paced")
         os.mkfifo(fifo)
         asoundrc(env["XDG_CONFIG_HOME"], fifo)
         pacer = subprocess.Popen([sys.executable, os.path.join(HERE, "..", "tests", "pace_frames.py"), raw, fifo])
-        paced = 10
-        chunks, cpu = run_tool(build, env, os.path.join(work, "status.json"), paced, sample_cpu=True)
+        paced = 30
+        chunks, cpu, share = run_tool(build, env, os.path.join(work, "status.json"), paced)
         pacer.send_signal(signal.SIGTERM)
         pacer.wait()
-        print(f"paced at real time for {paced} s: {chunks} chunks ({chunks / paced:.1f}/s), tool CPU {cpu:.2f} s "
-              f"= {100 * cpu / paced:.2f}% of one core (arecord child excluded)")
+        print(f"paced at real time for {paced} s: {chunks} chunks ({chunks / paced:.1f}/s), tool CPU {cpu:.3f} s "
+              f"= {100 * cpu / paced:.3f}% of one core; "
+              f"from 5 s on {100 * share:.3f}% (arecord child excluded)")
     finally:
         subprocess.run(["rm", "-rf", work, shm])
 

@@ -12,7 +12,7 @@ namespace sonderlark {
 enum class LagKernel {
   kScalar,    // one lag at a time
   kPortable,  // two lags per vector: plain x86-64 (SSE2) or any target
-  kAvx2,      // four lags per 256-bit register
+  kAvx2,      // four lags per 256-bit register (AVX2 with FMA)
   kAvx512,    // eight lags per 512-bit register
 };
 

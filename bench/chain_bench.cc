@@ -45,7 +45,7 @@ void BM_LiveChunkChain(benchmark::State& state) {
     WavData processed = apply_input_gain(chunk_from_frames(chunk.data(), frames), 6.0, warnings);
     const ChannelDiagnostics levels = diagnose_channels(processed, "live processed channel");
     const DirectionEstimate direction = estimate_direction(processed, "processed-live");
-    const BeamformResult beam = beamform_delay_and_sum(std::move(processed), direction);
+    const BeamformResult beam = beamform_with_own_estimate(std::move(processed), direction);
     benchmark::DoNotOptimize(levels);
     benchmark::DoNotOptimize(beam);
   }

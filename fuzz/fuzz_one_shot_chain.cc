@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -42,7 +43,15 @@ extern "C" int FUZZ_ENTRY(const uint8_t* data, size_t size) {
   const ChannelDiagnostics levels = diagnose_channels(processed, "processed channel");
   const DirectionEstimate direction = estimate_direction(processed, "processed");
   const int32_t sample_rate = processed.sample_rate;
-  const BeamformResult beam = beamform_delay_and_sum(std::move(processed), direction);
+  const BeamformResult reference = beamform_delay_and_sum(processed, direction);
+  const BeamformResult beam = beamform_with_own_estimate(std::move(processed), direction);
+  // Taking channel 3's alignment from the estimate must not change the beam.
+  if (beam.lags != reference.lags || beam.method != reference.method ||
+      beam.samples.size() != reference.samples.size() ||
+      (!beam.samples.empty() &&
+       std::memcmp(beam.samples.data(), reference.samples.data(), beam.samples.size() * sizeof(double)) != 0)) {
+    std::abort();
+  }
 
   WavData beam_record;
   beam_record.sample_rate = sample_rate;

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "dsp/beam.h"
+#include "dsp/direction.h"
 #include "support.h"
 
 namespace sonderlark {
@@ -86,6 +87,61 @@ TEST(Beamform, SilentChannelsAndEmptyInputs) {
   EXPECT_TRUE(none.samples.empty());
   EXPECT_TRUE(none.lags.empty());
   EXPECT_TRUE(none.method.empty());
+}
+
+// The literal mean of step 6, index by index, channel by channel.
+std::vector<double> literal_beam(const std::vector<std::vector<double>>& ch, const std::vector<int32_t>& lags) {
+  const int64_t n = static_cast<int64_t>(ch[0].size());
+  std::vector<double> out(ch[0].size());
+  for (int64_t i = 0; i < n; ++i) {
+    double sum = 0.0;
+    int count = 0;
+    for (std::size_t c = 0; c < ch.size(); ++c) {
+      const int64_t j = i + lags[c];
+      if (j >= 0 && j < n) {
+        sum += ch[c][static_cast<std::size_t>(j)];
+        ++count;
+      }
+    }
+    out[static_cast<std::size_t>(i)] = sum / count;
+  }
+  return out;
+}
+
+// The one-shot run and the live loop take channel 3's fallback alignment
+// from the estimate they just made; that must never change the beam.
+TEST(Beamform, OwnEstimateGivesTheSameBeam) {
+  const std::vector<double> x = test::white_noise(1500, 0.5, 7);
+  const std::vector<double> y = test::white_noise(1500, 0.5, 8);
+  const std::vector<double> z = test::white_noise(1500, 0.5, 9);
+  const std::vector<double> w = test::white_noise(1500, 0.5, 10);
+  const std::vector<double> silent(1500, 0.0);
+  const std::vector<std::vector<std::vector<double>>> inputs = {
+      {x, test::shifted(x, 1), test::shifted(x, 2), test::shifted(x, 3)},   // confident: guided
+      {x, y, z, test::shifted(x, -6)},                                      // weak: fallback, channel 3 found
+      {x, y, z, w},                                                         // weak, nothing aligned
+      {silent, silent, silent, silent},                                     // every lag -8
+      {{x.begin(), x.begin() + 10}, {y.begin(), y.begin() + 10}, {z.begin(), z.begin() + 10}, {w.begin(), w.begin() + 10}},
+      {x, y, z, test::shifted(x, 4), w},                                    // five channels
+      {x, y, test::shifted(x, 2)},                                          // three: default estimate
+      {{}, x, y, z},                                                        // empty channel 0: default estimate
+  };
+  for (std::size_t k = 0; k < inputs.size(); ++k) {
+    SCOPED_TRACE(k);
+    const WavData data = record(inputs[k]);
+    const DirectionEstimate direction = estimate_direction(data, "processed");
+    const BeamformResult expected = beamform_delay_and_sum(data, direction);
+    const BeamformResult got = beamform_with_own_estimate(WavData(data), direction);
+    EXPECT_EQ(got.lags, expected.lags);
+    EXPECT_EQ(got.method, expected.method);
+    EXPECT_EQ(got.samples, expected.samples);
+    if (!inputs[k][0].empty()) {
+      EXPECT_EQ(got.samples, literal_beam(inputs[k], got.lags));
+    }
+  }
+  // The weak case above really did align channel 3 by its own search.
+  const WavData weak = record(inputs[1]);
+  EXPECT_EQ(beamform_with_own_estimate(WavData(weak), estimate_direction(weak, "processed")).lags[3], -6);
 }
 
 }  // namespace

@@ -66,7 +66,7 @@ int run_one_shot_analysis(const Options& options, Logger& logger) {
   }
 
   // Nothing reads the processed samples after the beam: it is formed in place.
-  BeamformResult beam = beamform_delay_and_sum(std::move(processed), direction);
+  BeamformResult beam = beamform_with_own_estimate(std::move(processed), direction);
   write_mono_wav(options.beamformed_path, format.sample_rate, beam.samples);
 
   WavData beam_record;

@@ -2,16 +2,20 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "util/memory.h"
+#include "util/vector_clones.h"
 
 namespace sonderlark {
 namespace {
 
 // Shifts and method: guided by a confident estimate on 4+ channels, else
-// each channel aligned to channel 0 on its own.
+// each channel aligned to channel 0 on its own. With `own_estimate`, the
+// estimate was made from `data`, and channel 3's alignment is its end-to-end
+// lag whenever the estimate searched it.
 void choose_lags(const WavData& data, const DirectionEstimate& direction, std::size_t channels,
-                 BeamformResult& result) {
+                 bool own_estimate, BeamformResult& result) {
   const int32_t m = data.channels;
   const auto& ch = data.samples;
   result.lags.assign(static_cast<std::size_t>(m), 0);
@@ -24,9 +28,53 @@ void choose_lags(const WavData& data, const DirectionEstimate& direction, std::s
     }
     result.method = "direction-guided delay-and-sum from processed samples";
   } else {
-    for (std::size_t c = 1; c < channels; ++c) result.lags[c] = best_lag(ch[0], ch[c], kFallbackMaxLag).lag;
+    // estimate_direction searched channel 0 / channel 3 over +-8 exactly when
+    // it did not return its defaults.
+    const bool searched_ch3 = own_estimate && data.channels >= 4 && ch.size() >= 4 && !ch[0].empty();
+    static_assert(kFallbackMaxLag == kEndToEndMaxLag);
+    for (std::size_t c = 1; c < channels; ++c) {
+      result.lags[c] = c == 3 && searched_ch3 ? direction.lag_samples_ch0_to_ch3
+                                              : best_lag(ch[0], ch[c], kFallbackMaxLag).lag;
+    }
     result.method = "fallback channel-alignment delay-and-sum from processed samples";
   }
+}
+
+typedef double Block __attribute__((vector_size(8 * sizeof(double))));
+// Blocks are passed by value only within this file's inlined helpers, so the
+// AVX calling-convention note does not concern any interface.
+#pragma GCC diagnostic ignored "-Wpsabi"
+
+// Adds the eight values at p to sum (no vector is returned: Clang refuses
+// wide vector returns in code built for the baseline target).
+__attribute__((always_inline)) inline void add_block(Block& sum, const double* p) {
+  Block v;
+  std::memcpy(&v, p, sizeof v);
+  sum += v;
+}
+
+// out[i] = (((0.0 + c0[i + l0]) + c1[i + l1]) + c2[i + l2]) + c3[i + l3]) / 4
+// for i in [begin, end), every index inside: the four-channel mean of the
+// inner range, eight outputs at a time. All reads of a block come before
+// its store, so out may be channel 0's own storage (l0 is 0).
+SONDERLARK_VECTOR_CLONES
+void mean_of_four(const double* c0, const double* c1, const double* c2, const double* c3, const int32_t* lags,
+                  int64_t begin, int64_t end, double* out) {
+  const int64_t l0 = lags[0];
+  const int64_t l1 = lags[1];
+  const int64_t l2 = lags[2];
+  const int64_t l3 = lags[3];
+  int64_t i = begin;
+  for (; i + 8 <= end; i += 8) {
+    Block sum = {};  // +0.0 in every lane, as the scalar sum starts
+    add_block(sum, c0 + (i + l0));
+    add_block(sum, c1 + (i + l1));
+    add_block(sum, c2 + (i + l2));
+    add_block(sum, c3 + (i + l3));
+    const Block mean = sum / 4.0;
+    std::memcpy(out + i, &mean, sizeof mean);
+  }
+  for (; i < end; ++i) out[i] = ((((0.0 + c0[i + l0]) + c1[i + l1]) + c2[i + l2]) + c3[i + l3]) / 4.0;
 }
 
 // out[i] = mean of ch[c][i + lags[c]] over the channels whose index is
@@ -60,7 +108,10 @@ void average_aligned(const std::vector<std::vector<double>>& ch, std::size_t cha
   };
   for (int64_t i = 0; i < inner_begin; ++i) out[i] = edge_sample(i);
   const double count = static_cast<double>(channels);
-  for (int64_t i = inner_begin; i < inner_end; ++i) {
+  if (channels == 4) {
+    mean_of_four(ch[0].data(), ch[1].data(), ch[2].data(), ch[3].data(), lags.data(), inner_begin, inner_end, out);
+  }
+  for (int64_t i = channels == 4 ? inner_end : inner_begin; i < inner_end; ++i) {
     double sum = 0.0;
     for (std::size_t c = 0; c < channels; ++c) sum += ch[c][static_cast<std::size_t>(i + lags[c])];
     out[i] = sum / count;
@@ -74,21 +125,33 @@ BeamformResult beamform_delay_and_sum(const WavData& data, const DirectionEstima
   BeamformResult result;
   if (data.channels <= 0 || data.samples.empty()) return result;
   const std::size_t channels = std::min(static_cast<std::size_t>(data.channels), data.samples.size());
-  choose_lags(data, direction, channels, result);
+  choose_lags(data, direction, channels, false, result);
   reserve_large(result.samples, data.samples[0].size());
   result.samples.resize(data.samples[0].size());
   average_aligned(data.samples, channels, result.lags, result.samples.data());
   return result;
 }
 
-BeamformResult beamform_delay_and_sum(WavData&& data, const DirectionEstimate& direction) {
+namespace {
+
+BeamformResult beamform_in_place(WavData&& data, const DirectionEstimate& direction, bool own_estimate) {
   BeamformResult result;
   if (data.channels <= 0 || data.samples.empty()) return result;
   const std::size_t channels = std::min(static_cast<std::size_t>(data.channels), data.samples.size());
-  choose_lags(data, direction, channels, result);
+  choose_lags(data, direction, channels, own_estimate, result);
   average_aligned(data.samples, channels, result.lags, data.samples[0].data());
   result.samples = std::move(data.samples[0]);
   return result;
+}
+
+}  // namespace
+
+BeamformResult beamform_delay_and_sum(WavData&& data, const DirectionEstimate& direction) {
+  return beamform_in_place(std::move(data), direction, false);
+}
+
+BeamformResult beamform_with_own_estimate(WavData&& data, const DirectionEstimate& direction) {
+  return beamform_in_place(std::move(data), direction, true);
 }
 
 }  // namespace sonderlark

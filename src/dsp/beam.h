@@ -31,4 +31,12 @@ BeamformResult beamform_delay_and_sum(const WavData& data, const DirectionEstima
 // channel 0's storage, so a long recording needs no second buffer.
 BeamformResult beamform_delay_and_sum(WavData&& data, const DirectionEstimate& direction);
 
+// beamform_delay_and_sum(std::move(data), direction) for a `direction` that
+// estimate_direction made from this very record. The fallback's channel 0 /
+// channel 3 search is then the estimate's own end-to-end search (same
+// sequences, same +-8 range), so its lag is taken from the estimate instead
+// of being searched twice. The result is the same; with any other estimate
+// it would not be.
+BeamformResult beamform_with_own_estimate(WavData&& data, const DirectionEstimate& direction);
+
 }  // namespace sonderlark

@@ -4,8 +4,27 @@
 #include <cstdint>
 
 #include "util/text.h"
+#include "util/vector_clones.h"
 
 namespace sonderlark {
+namespace {
+
+// s[i] *= gain, limited to full scale; returns how many samples were limited.
+// Exactly +-1.0 is full scale, not a clip; NaN passes through.
+SONDERLARK_VECTOR_CLONES
+int64_t scale_and_limit(double* s, std::size_t n, double gain) {
+  int64_t clipped = 0;
+  for (std::size_t i = 0; i < n; ++i) {
+    const double v = s[i] * gain;
+    const bool above = v > 1.0;
+    const bool below = v < -1.0;
+    s[i] = above ? 1.0 : (below ? -1.0 : v);
+    clipped += above || below;
+  }
+  return clipped;
+}
+
+}  // namespace
 
 WavData apply_input_gain(const WavData& raw, double gain_db, std::vector<std::string>& warnings) {
   return apply_input_gain(WavData(raw), gain_db, warnings);
@@ -16,22 +35,10 @@ WavData apply_input_gain(WavData&& raw, double gain_db, std::vector<std::string>
   const double gain = std::pow(10.0, gain_db / 20.0);
   if (processed.channels < 1) return processed;
 
-  std::vector<int32_t> clipped(processed.samples.size(), 0);
+  std::vector<int64_t> clipped(processed.samples.size(), 0);
   bool any_clipped = false;
   for (std::size_t c = 0; c < processed.samples.size(); ++c) {
-    for (double& s : processed.samples[c]) {
-      const double v = s * gain;
-      // Exactly +-1.0 is full scale, not a clip.
-      if (v > 1.0) {
-        s = 1.0;
-        ++clipped[c];
-      } else if (v < -1.0) {
-        s = -1.0;
-        ++clipped[c];
-      } else {
-        s = v;
-      }
-    }
+    clipped[c] = scale_and_limit(processed.samples[c].data(), processed.samples[c].size(), gain);
     any_clipped = any_clipped || clipped[c] > 0;
   }
   if (!any_clipped) return processed;

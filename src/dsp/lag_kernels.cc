@@ -41,11 +41,13 @@ __attribute__((always_inline)) inline void store(double* p, typename LaneVector<
 }
 
 // The value at p in every lane. GCC assembles a wide vector of one scalar
-// lane by lane; the broadcast instruction does it in one step.
+// lane by lane; the broadcast instruction does it in one step. (Clang checks
+// assembly operands against the file's baseline target, so it gets the plain
+// forms here and in add_on_multiplier: the same bits, a little slower.)
 template <int W>
 __attribute__((always_inline)) inline typename LaneVector<W>::type splat(const double* p) {
   typename LaneVector<W>::type v;
-#if defined(__x86_64__)
+#if defined(__x86_64__) && !defined(__clang__)
   if constexpr (W == 8) {
     asm("vbroadcastsd %1, %0" : "=v"(v) : "m"(*p));
     return v;
@@ -67,7 +69,7 @@ __attribute__((always_inline)) inline typename LaneVector<W>::type splat(const d
 template <int W>
 __attribute__((always_inline)) inline typename LaneVector<W>::type add_on_multiplier(
     typename LaneVector<W>::type x, typename LaneVector<W>::type y, typename LaneVector<W>::type one) {
-#if defined(__x86_64__)
+#if defined(__x86_64__) && !defined(__clang__)
   if constexpr (W == 8) {
     asm("vfmadd231pd %1, %2, %0" : "+v"(y) : "v"(x), "v"(one));
     return y;

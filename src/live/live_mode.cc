@@ -14,11 +14,27 @@
 #include "report/live_status.h"
 #include "report/manifest.h"
 #include "util/text.h"
+#include "util/vector_clones.h"
 
 namespace sonderlark {
 namespace {
 
 constexpr double kScale32 = 1.0 / 2147483648.0;  // 2^-31
+
+// Four-channel frames to one scaled sequence per channel. The clamp is never
+// taken for 32-bit input; it is kept as a guard.
+SONDERLARK_VECTOR_CLONES
+void split_frames(const int32_t* interleaved, std::size_t frame_count, double* out0, double* out1, double* out2,
+                  double* out3) {
+  auto scaled = [](int32_t raw) { return std::min(std::max(raw * kScale32, -1.0), 1.0); };
+  for (std::size_t i = 0; i < frame_count; ++i) {
+    out0[i] = scaled(interleaved[4 * i]);
+    out1[i] = scaled(interleaved[4 * i + 1]);
+    out2[i] = scaled(interleaved[4 * i + 2]);
+    out3[i] = scaled(interleaved[4 * i + 3]);
+  }
+}
+
 constexpr int kKeepHeapBytes = 64 << 20;        // the largest chunk's buffers, many times over
 constexpr const char* kCaptureError = "arecord exited with nonzero status";
 
@@ -58,7 +74,7 @@ void process_chunk(LiveState& state, const Options& options, std::size_t frames,
   const DirectionEstimate direction = estimate_direction(processed, "processed-live");
   state.last_direction = direction;
   state.last_diagnostics = diagnostics;
-  const BeamformResult beam = beamform_delay_and_sum(std::move(processed), direction);
+  const BeamformResult beam = beamform_with_own_estimate(std::move(processed), direction);
   if (!state.speech_seen) state.speech_seen = detected_speech(diagnostics.rms);
 
   ++state.chunks_processed;
@@ -112,12 +128,7 @@ WavData chunk_from_frames(const int32_t* interleaved, std::size_t frame_count) {
     chunk.samples[static_cast<std::size_t>(c)].resize(frame_count);
     out[c] = chunk.samples[static_cast<std::size_t>(c)].data();
   }
-  for (std::size_t i = 0; i < frame_count; ++i) {
-    for (int c = 0; c < kLiveChannels; ++c) {
-      const double v = interleaved[kLiveChannels * i + static_cast<std::size_t>(c)] * kScale32;
-      out[c][i] = v < -1.0 ? -1.0 : (v > 1.0 ? 1.0 : v);  // never taken for 32-bit input; kept as a guard
-    }
-  }
+  split_frames(interleaved, frame_count, out[0], out[1], out[2], out[3]);
   return chunk;
 }
 

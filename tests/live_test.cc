@@ -272,8 +272,10 @@ TEST(LiveRealArecord, ASlowReaderCostsSamplesNotTime) {
   }
   kill(reader, SIGTERM);
   test::wait_child(reader);
-  // A blocking write would stall at the 33rd chunk; dropping keeps the pace.
-  EXPECT_GT(best_ratio, 0.9);
+  // A blocking write would stall at the 33rd chunk (a ratio near 0.02);
+  // dropping keeps the pace. The slow run also turns every beam into PCM,
+  // which the run without a reader skips, so it is somewhat slower.
+  EXPECT_GT(best_ratio, 0.5);
 }
 
 // A stand-in arecord for failure injection.

@@ -1,12 +1,12 @@
 #include "report/live_status.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <sstream>
 
 #include "report/json.h"
 #include "util/text.h"
@@ -55,36 +55,38 @@ void write_live_event_json(const std::string& path, const Options& options,
   if (path.empty()) return;
   const std::size_t slash = path.rfind('/');
   if (slash != std::string::npos && slash > 0) {
-    std::filesystem::create_directories(path.substr(0, slash));
+    // Almost always the folder is there already: one stat says so.
+    const std::string folder = path.substr(0, slash);
+    struct stat info {};
+    if (stat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) std::filesystem::create_directories(folder);
   }
 
   const std::string temp_path = path + ".tmp";
-  std::ostringstream out;
-
   auto flag = [](bool value) { return value ? "true" : "false"; };
-  out << "{\n"
-      << "  \"timestamp\": \"" << now_iso8601_utc() << "\",\n"
-      << "  \"live_processing\": " << flag(live_processing) << ",\n"
-      << "  \"source\": \"sonder_lark --live\",\n"
-      << "  \"status\": " << json_string(status) << ",\n"
-      << "  \"error\": " << json_string(error) << ",\n"
-      << "  \"device\": " << json_string(options.device) << ",\n"
-      << "  \"arecord_command\": " << json_string(arecord_command) << ",\n"
-      << "  \"arecord_exit_code\": " << arecord_exit_code << ",\n"
-      << "  \"arecord_stderr\": " << json_string(arecord_stderr) << ",\n"
-      << "  \"input_gain_db\": " << fixed(options.input_gain_db, 2) << ",\n"
-      << "  \"chunks_processed\": " << chunks_processed << ",\n"
-      << "  \"pcm_output\": " << json_string(options.pcm_output_path) << ",\n"
-      << "  \"pcm_output_connected\": " << flag(pcm_output_connected) << ",\n"
-      << "  \"direction_angle_degrees\": " << fixed(direction.angle_degrees, 2) << ",\n"
-      << "  \"direction_confidence\": " << fixed(direction.confidence, 3) << ",\n"
-      << "  \"direction_low_confidence\": " << flag(direction.low_confidence) << ",\n"
-      << "  \"direction_method\": " << json_string(direction.method) << ",\n"
-      << "  \"direction_samples_source\": " << json_string(direction.samples_source) << ",\n"
-      << "  \"detected_speech\": " << flag(detected_speech) << ",\n"
-      << "  \"processed_channel_rms\": " << vector_json(diagnostics.rms) << "\n"
-      << "}\n";
-  const std::string record = out.str();
+  std::string record;
+  record.reserve(1024 + arecord_stderr.size() + arecord_command.size());
+  record += "{\n";
+  record += "  \"timestamp\": \"" + now_iso8601_utc() + "\",\n";
+  record += "  \"live_processing\": " + std::string(flag(live_processing)) + ",\n";
+  record += "  \"source\": \"sonder_lark --live\",\n";
+  record += "  \"status\": " + json_string(status) + ",\n";
+  record += "  \"error\": " + json_string(error) + ",\n";
+  record += "  \"device\": " + json_string(options.device) + ",\n";
+  record += "  \"arecord_command\": " + json_string(arecord_command) + ",\n";
+  record += "  \"arecord_exit_code\": " + std::to_string(arecord_exit_code) + ",\n";
+  record += "  \"arecord_stderr\": " + json_string(arecord_stderr) + ",\n";
+  record += "  \"input_gain_db\": " + fixed(options.input_gain_db, 2) + ",\n";
+  record += "  \"chunks_processed\": " + std::to_string(chunks_processed) + ",\n";
+  record += "  \"pcm_output\": " + json_string(options.pcm_output_path) + ",\n";
+  record += "  \"pcm_output_connected\": " + std::string(flag(pcm_output_connected)) + ",\n";
+  record += "  \"direction_angle_degrees\": " + fixed(direction.angle_degrees, 2) + ",\n";
+  record += "  \"direction_confidence\": " + fixed(direction.confidence, 3) + ",\n";
+  record += "  \"direction_low_confidence\": " + std::string(flag(direction.low_confidence)) + ",\n";
+  record += "  \"direction_method\": " + json_string(direction.method) + ",\n";
+  record += "  \"direction_samples_source\": " + json_string(direction.samples_source) + ",\n";
+  record += "  \"detected_speech\": " + std::string(flag(detected_speech)) + ",\n";
+  record += "  \"processed_channel_rms\": " + vector_json(diagnostics.rms) + "\n";
+  record += "}\n";
 
   const int fd = open(temp_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
   if (fd < 0) return;

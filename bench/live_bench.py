@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Live-mode throughput and cost with the real arecord on a file-backed ALSA device.
 
-Usage: bench/live_bench.py BUILD_DIR [SECONDS]
+Usage: bench/live_bench.py BUILD_DIR [SECONDS] [MEMORY_MINUTES]
 
 - paced: a pacer writes one arecord period (2000 frames) every 125 ms into a
   FIFO that the device reads; reports the tool's own CPU time (the arecord
@@ -9,6 +9,9 @@ Usage: bench/live_bench.py BUILD_DIR [SECONDS]
   (nanoseconds on the CPU, summed over the tool's threads).
 - unpaced: the device reads a file as fast as it is consumed; reports chunks
   per second with the status file on /tmp and on /dev/shm.
+- memory (only with MEMORY_MINUTES): one unpaced run of that many minutes,
+  status on /tmp; reports VmRSS and the chunk count at 1 minute, every 5
+  minutes and at the end, and VmHWM.
 """
 import json
 import os
@@ -71,6 +74,23 @@ def run_tool(build, env, status, seconds):
         return json.load(f)["chunks_processed"], samples[-1][1], share
 
 
+def memory_run(build, env, status, minutes):
+    args = [os.path.join(build, "sonderlark"), "--live", "--device", "sonderlark_array", "--live-duration",
+            str(minutes * 60), "--pcm-output", "/nonexistent/pcm", "--event-output", status, "--log", ""]
+    start = time.monotonic()
+    tool = subprocess.Popen(args, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    marks = [60] + list(range(300, minutes * 60, 300)) + [minutes * 60 - 5]
+    for mark in marks:
+        time.sleep(max(0.0, start + mark - time.monotonic()))
+        with open(f"/proc/{tool.pid}/status") as f:
+            fields = dict(line.split(":", 1) for line in f if ":" in line)
+        with open(status) as f:
+            chunks = json.load(f)["chunks_processed"]
+        print(f"memory at {mark} s: VmRSS {fields['VmRSS'].strip()}, VmHWM {fields['VmHWM'].strip()}, "
+              f"{chunks} chunks", flush=True)
+    tool.wait()
+
+
 def main():
     build = os.path.abspath(sys.argv[1])
     seconds = int(sys.argv[2]) if len(sys.argv) > 2 else 5
@@ -100,6 +120,9 @@ def main():
         for where, folder in [("/tmp (ext4)", work), ("/dev/shm (tmpfs)", shm)]:
             chunks, _, _ = run_tool(build, env, os.path.join(folder, "status.json"), seconds)
             print(f"unpaced, status on {where}: {chunks / seconds:.0f} chunks/s ({chunks} chunks in {seconds} s)")
+
+        if len(sys.argv) > 3:
+            memory_run(build, env, os.path.join(work, "memory.json"), int(sys.argv[3]))
     finally:
         subprocess.run(["rm", "-rf", work, shm])
 

@@ -82,23 +82,6 @@ double rms(const std::vector<double>& x, std::size_t begin, std::size_t end) {
   return std::sqrt(sum / static_cast<double>(end - begin));
 }
 
-// The real arecord reads a FIFO that a pacer fills at real time.
-struct PacedDevice {
-  const test::TempDir& tmp;
-  int pacer = -1;
-  explicit PacedDevice(const test::TempDir& dir) : tmp(dir) {
-    EXPECT_EQ(mkfifo(tmp.path("infile").c_str(), 0600), 0);
-    test::write_alsa_file_device(tmp.path("config"), "sonderlark_array", tmp.path("infile"));
-    pacer = test::spawn({"python3", test::source_path("tests/pace_frames.py"), tmp.path("frames.raw"),
-                         tmp.path("infile")},
-                        {}, tmp.path("pacer.out"), tmp.path("pacer.err"));
-  }
-  ~PacedDevice() {
-    kill(pacer, SIGTERM);
-    test::wait_child(pacer);
-  }
-};
-
 TEST(VirtualMicrophone, ParecordHearsTheBeam) {
   test::TempDir tmp;
   const std::vector<uint8_t> frames = speech_frames(tmp);
@@ -109,7 +92,7 @@ TEST(VirtualMicrophone, ParecordHearsTheBeam) {
                                     "--format=s16le", "--file-format=wav", tmp.path("rec.wav")},
                                    pulse.env, tmp.path("parecord.out"), tmp.path("parecord.err"));
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
-  PacedDevice device(tmp);
+  test::PacedDevice device(tmp);
   Env env = pulse.env;
   env["XDG_CONFIG_HOME"] = tmp.path("config");
   const test::RunResult run = test::run({test::tool_path(), "--live", "--device", "sonderlark_array",
@@ -179,7 +162,7 @@ TEST(VirtualMicrophone, ServerRestartDisconnectsAndReconnects) {
   const std::string fifo = tmp.path("mic.pcm");
   PulseServer pulse(tmp, fifo);
   pulse.start("pulse1");
-  PacedDevice device(tmp);
+  test::PacedDevice device(tmp);
   Env env = pulse.env;
   env["XDG_CONFIG_HOME"] = tmp.path("config");
   const int tool = test::spawn({test::tool_path(), "--live", "--device", "sonderlark_array", "--live-duration", "7",

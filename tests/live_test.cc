@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -69,14 +70,22 @@ int count(const std::string& text, const std::string& what) {
 
 int chunks_in(const std::string& status_path) { return std::stoi(status_value(status_path, "chunks_processed")); }
 
-// A live run on the real arecord reading a file-backed ALSA device.
+// A live run on the real arecord reading a file-backed ALSA device: paced
+// at real time (the same frames at any build's speed, silence after their
+// end), or unpaced (as fast as the tool reads; what follows the file's end
+// is not defined).
 struct RealDevice {
   test::TempDir tmp;
   std::vector<uint8_t> frames;
-  explicit RealDevice(std::size_t frame_count, int lag = 4) : frames(array_frames(frame_count, lag)) {
-    test::write_bytes(tmp.path("capture.raw"), frames);
-    test::write_alsa_file_device(tmp.path("config"), "sonderlark_array", tmp.path("capture.raw"));
+  std::optional<test::PacedDevice> paced;
+  RealDevice(std::size_t frame_count, bool pace) : frames(array_frames(frame_count, 4)) {
     fs::create_directories(tmp.path("state"));
+    test::write_bytes(tmp.path("frames.raw"), frames);
+    if (pace) {
+      paced.emplace(tmp);
+    } else {
+      test::write_alsa_file_device(tmp.path("config"), "sonderlark_array", tmp.path("frames.raw"));
+    }
   }
   std::vector<std::string> args(const std::string& duration, const std::string& pcm) const {
     return {test::tool_path(), "--live", "--device", "sonderlark_array", "--live-duration", duration,
@@ -95,13 +104,12 @@ void expect_finite_clean_end(const test::RunResult& r, const std::string& status
 }
 
 TEST(LiveRealArecord, FiniteRunWritesExactlyTheBeamsToARegularFile) {
-  RealDevice device(3000000);
+  RealDevice device(64000, true);
   test::write_file(device.tmp.path("out.pcm"), "");
   const test::RunResult r = test::run(device.args("2", device.tmp.path("out.pcm")), device.env());
   expect_finite_clean_end(r, device.status());
   const int chunks = chunks_in(device.status());
   ASSERT_GT(chunks, 0);
-  ASSERT_LE(static_cast<std::size_t>(chunks) * 1024, device.frames.size() / 16) << "the device ran dry";
   EXPECT_TRUE(test::read_file(device.tmp.path("out.pcm")) == test::library_beam_bytes(device.frames, 1024, chunks));
   EXPECT_EQ(status_value(device.status(), "direction_angle_degrees"), "30.0");
   EXPECT_EQ(status_value(device.status(), "direction_samples_source"), "\"processed-live\"");
@@ -169,7 +177,7 @@ int finish_fifo_reader(int pid, const std::string& fifo) {
 }
 
 TEST(LiveRealArecord, FifoWithAReaderThatKeepsUpGetsTheSameBytes) {
-  RealDevice device(3000000);
+  RealDevice device(64000, true);
   const std::string fifo = device.tmp.path("mic.pcm");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   const int reader = spawn_fifo_reader(fifo, device.tmp.path("received"), device.tmp.path("cat.err"));
@@ -191,7 +199,7 @@ bool wait_for_lines(const std::string& path, const std::string& text, int times)
 }
 
 TEST(LiveRealArecord, ReaderAttachesLeavesAndReturns) {
-  RealDevice device(6000000);
+  RealDevice device(128000, true);
   const std::string fifo = device.tmp.path("mic.pcm");
   const std::string log_path = device.tmp.path("live.log");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
@@ -222,7 +230,6 @@ TEST(LiveRealArecord, ReaderAttachesLeavesAndReturns) {
   // second one read to the end of the stream. (The source repeats every 64
   // chunks, so the first reader's run is found by content, at a chunk.)
   const int chunks = chunks_in(device.status());
-  ASSERT_LE(static_cast<std::size_t>(chunks) * 1024, device.frames.size() / 16) << "the device ran dry";
   const std::string all = test::library_beam_bytes(device.frames, 1024, static_cast<std::size_t>(chunks));
   const std::string part1 = test::read_file(device.tmp.path("part1"));
   const std::string part2 = test::read_file(device.tmp.path("part2"));
@@ -238,7 +245,7 @@ TEST(LiveRealArecord, ReaderAttachesLeavesAndReturns) {
 }
 
 TEST(LiveRealArecord, ASlowReaderCostsSamplesNotTime) {
-  RealDevice device(3000000);
+  RealDevice device(3000000, false);
   const std::string fifo = device.tmp.path("mic.pcm");
   const std::string idle_fifo = device.tmp.path("idle.pcm");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
@@ -368,8 +375,10 @@ void expect_restart_hygiene(const StandIn& s, std::size_t starts) {
   ASSERT_EQ(times.size(), starts);
   for (std::size_t i = 1; i < times.size(); ++i) {
     SCOPED_TRACE(i);
+    // The pause is 2 s; the rest is starting a shell and the stand-in,
+    // which a machine ten times slower than this one still does in 10 s.
     EXPECT_GT(times[i] - times[i - 1], 1.95);
-    EXPECT_LT(times[i] - times[i - 1], 3.5);
+    EXPECT_LT(times[i] - times[i - 1], 12.0);
   }
   // At every start the tool holds the same descriptors and no zombie child.
   std::istringstream fds(s.record("fds"));
@@ -432,7 +441,30 @@ TEST(LiveStartFailure, NoPipeForTheChildEndsWith30AndNoStatusFile) {
   EXPECT_FALSE(fs::exists(tmp.path("status.json")));
 }
 
+// Sets or unsets an environment variable for one scope, then restores it.
+struct ScopedEnv {
+  std::string name;
+  std::optional<std::string> saved;
+  ScopedEnv(const std::string& key, const char* value) : name(key) {
+    if (const char* old = std::getenv(key.c_str())) saved = old;
+    if (value != nullptr) {
+      setenv(key.c_str(), value, 1);
+    } else {
+      unsetenv(key.c_str());
+    }
+  }
+  ~ScopedEnv() {
+    if (saved) {
+      setenv(name.c_str(), saved->c_str(), 1);
+    } else {
+      unsetenv(name.c_str());
+    }
+  }
+};
+
 TEST(ChooseStatusPath, EventOutputThenXdgStateHomeThenHomeThenBuild) {
+  const ScopedEnv keep_state("XDG_STATE_HOME", nullptr);
+  const ScopedEnv keep_home("HOME", nullptr);
   Options options;
   setenv("XDG_STATE_HOME", "/xdg", 1);
   setenv("HOME", "/home/u", 1);
@@ -452,14 +484,20 @@ TEST(ChooseStatusPath, EventOutputThenXdgStateHomeThenHomeThenBuild) {
 namespace sonderlark {
 namespace {
 
-// Starts the poller on `status`; it stops when `stop` appears.
-int start_poller(const std::string& status, const std::string& stop, const std::string& out) {
-  return test::spawn({"python3", test::source_path("tests/poll_status.py"), status, stop}, {}, out, out + ".err");
+// Starts the poller on `status`; it stops when `stop` appears, or by itself
+// after `reads` reads that saw `distinct` different records.
+int start_poller(const std::string& status, const std::string& stop, const std::string& out, long reads = 0,
+                 long distinct = 0) {
+  std::vector<std::string> argv = {"python3", test::source_path("tests/poll_status.py"), status, stop};
+  if (reads > 0) argv.insert(argv.end(), {std::to_string(reads), std::to_string(distinct)});
+  return test::spawn(argv, {}, out, out + ".err");
 }
 
 std::map<std::string, long> poller_counts(int pid, const std::string& stop, const std::string& out) {
   test::write_file(stop, "");
-  EXPECT_EQ(test::wait_child(pid), 0) << test::read_file(out + ".err");
+  if (pid > 0) {
+    EXPECT_EQ(test::wait_child(pid), 0) << test::read_file(out + ".err");
+  }
   std::map<std::string, long> counts;
   const test::RunResult parsed = test::run(
       {"python3", "-c", "import json,sys\nfor k,v in json.load(open(sys.argv[1])).items(): print(k, v)", out});
@@ -469,36 +507,34 @@ std::map<std::string, long> poller_counts(int pid, const std::string& stop, cons
   return counts;
 }
 
+// Whether the child has ended, without waiting.
+bool ended(int pid) { return waitpid(pid, nullptr, WNOHANG) == pid; }
+
 TEST(LiveStatusFile, AReaderNeverSeesAPartialRecord) {
-  RealDevice device(200000);
+  RealDevice device(200000, false);
   const std::string stop = device.tmp.path("stop");
   const std::string out = device.tmp.path("poll.json");
-  const int poller = start_poller(device.status(), stop, out);
-  // A continuous unpaced run, ended once it has rewritten the file often enough.
+  // A continuous unpaced run; the poller starts once the first record is there.
   std::vector<std::string> args = device.args("0", device.tmp.path("no-reader.pcm"));
   args.insert(args.end(), {"--live-chunk-frames", "128"});
   const int tool = test::spawn(args, device.env(), device.tmp.path("tool.out"), device.tmp.path("tool.err"));
-  long rewrites = 0;
-  for (int i = 0; i < 600 && rewrites < 25000; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    const std::string record = test::read_file(device.status());
-    const std::size_t at = record.find("\"chunks_processed\": ");
-    if (at != std::string::npos) rewrites = std::stol(record.substr(at + 20));  // one rewrite per chunk
-  }
+  while (!fs::exists(device.status()) && !ended(tool)) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  const long kReads = 20000;
+  const long kRecords = 2000;
+  const int poller = start_poller(device.status(), stop, out, kReads, kRecords);
+  // Counts, not time: the poller ends by itself once it has seen enough.
+  bool tool_ended = false;
+  while (!ended(poller) && !(tool_ended = ended(tool))) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  ASSERT_FALSE(tool_ended) << test::read_file(device.tmp.path("tool.out"));
   kill(tool, SIGTERM);
   test::wait_child(tool);
-  std::map<std::string, long> counts = poller_counts(poller, stop, out);
-  EXPECT_GE(rewrites, 20000);
-  EXPECT_GE(counts["reads"], 100000);
+  std::map<std::string, long> counts = poller_counts(-1, stop, out);
+  EXPECT_GE(counts["reads"], kReads);
+  EXPECT_GE(counts["distinct"], kRecords);
   EXPECT_EQ(counts["partial"], 0);
-  EXPECT_EQ(counts["missing"], counts["reads"] - counts["good"] - counts["partial"]);
-  EXPECT_GT(counts["distinct"], 1000);
-  EXPECT_EQ(counts["missing_after"], 0);  // once written, the file is always there
-  RecordProperty("rewrites", static_cast<int>(rewrites));
-  RecordProperty("reads", static_cast<int>(counts["reads"]));
-  RecordProperty("missing_before_first_record", static_cast<int>(counts["missing"]));
-  std::cout << "atomicity: " << rewrites << " rewrites, " << counts["reads"] << " reads, " << counts["partial"]
-            << " partial, " << counts["missing"] << " missing before the first record\n";
+  EXPECT_EQ(counts["missing"], 0);
+  std::cout << "atomicity: " << counts["reads"] << " reads of " << counts["distinct"] << " records, "
+            << counts["partial"] << " partial, " << counts["missing"] << " missing\n";
 }
 
 TEST(LiveStatusFile, ThePollerCatchesAWriterThatWritesInPlace) {

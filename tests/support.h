@@ -94,4 +94,18 @@ Bytes pcm_wav(uint32_t channels, uint32_t rate, uint32_t bits, const std::vector
 void write_alsa_file_device(const std::string& config_home, const std::string& name,
                             const std::string& infile);
 
+// The ALSA device "sonderlark_array" under `dir`/config, reading a FIFO that
+// tests/pace_frames.py fills at real time from `dir`/frames.raw (silence
+// after its end), so that a run reads the same frames at any build's speed.
+// One device serves one capture: the pacer ends when arecord closes the FIFO.
+struct PacedDevice {
+  explicit PacedDevice(const TempDir& dir);
+  ~PacedDevice();
+  PacedDevice(const PacedDevice&) = delete;
+  PacedDevice& operator=(const PacedDevice&) = delete;
+  std::map<std::string, std::optional<std::string>> env() const;  // XDG_CONFIG_HOME
+  const TempDir& tmp;
+  int pacer = -1;
+};
+
 }  // namespace sonderlark::test

@@ -30,13 +30,30 @@ TEST(ShellQuote, TheShellGetsBackTheSameText) {
   EXPECT_EQ(r.out, nasty);
 }
 
+// Every output must pass a strict JSON parser: short escapes, \u00XX for
+// other control bytes, well-formed UTF-8 kept, each stray byte \ufffd.
 TEST(JsonEscape, Samples) {
-  EXPECT_EQ(json_escape("\r\n"), "\\r\\n");
-  EXPECT_EQ(json_escape("C:\\dir"), "C:\\\\dir");
-  EXPECT_EQ(json_escape("say \"hi\""), "say \\\"hi\\\"");
-  EXPECT_EQ(json_escape("\t"), "\\t");
-  EXPECT_EQ(json_escape(std::string("\x01\x1f\x7f/\xC3\xA9", 6)), std::string("\x01\x1f\x7f/\xC3\xA9", 6));
-  EXPECT_EQ(json_escape(""), "");
+  const std::pair<std::string, std::string> cases[] = {
+      {"\r\n", "\\r\\n"},
+      {"C:\\dir", "C:\\\\dir"},
+      {"say \"hi\"", "say \\\"hi\\\""},
+      {"\t", "\\t"},
+      {"", ""},
+      {std::string("\x01\x1f\x1b[0m\b\f", 8), "\\u0001\\u001f\\u001b[0m\\u0008\\u000c"},
+      {std::string("\0x", 2), "\\u0000x"},
+      {"\x7f/\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x8E\xA4 \xF4\x8F\xBF\xBF", "\x7f/\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x8E\xA4 \xF4\x8F\xBF\xBF"},
+      {"\x80", "\\ufffd"},                        // stray continuation byte
+      {"\xC0\x80", "\\ufffd\\ufffd"},             // overlong NUL
+      {"\xE0\x80\xAF", "\\ufffd\\ufffd\\ufffd"},  // overlong slash
+      {"\xED\xA0\x80", "\\ufffd\\ufffd\\ufffd"},  // surrogate
+      {"\xF4\x90\x80\x80", "\\ufffd\\ufffd\\ufffd\\ufffd"},  // above U+10FFFF
+      {"a\xE2\x82", "a\\ufffd\\ufffd"},           // cut short at the end
+      {"\xE2\x82x\xFF", "\\ufffd\\ufffdx\\ufffd"},
+  };
+  for (const auto& [text, escaped] : cases) {
+    SCOPED_TRACE(text);
+    EXPECT_EQ(json_escape(text), escaped);
+  }
   EXPECT_EQ(json_string("a\"b"), "\"a\\\"b\"");
 }
 
@@ -108,7 +125,7 @@ TEST(Logger, UnopenableLogIsSilent) {
   test::TempDir tmp;
   Logger logger;
   open_log(logger, tmp.path("no/such/dir/log.txt"));
-  EXPECT_FALSE(logger.file.is_open());
+  EXPECT_EQ(logger.file, nullptr);
   testing::internal::CaptureStdout();
   logger.line("still here");
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "still here\n");

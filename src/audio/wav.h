@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <fstream>
 #include <span>
 #include <string>
 #include <vector>
@@ -29,10 +28,10 @@ WavData parse_wav(std::span<const uint8_t> bytes, const std::string& path);
 // "failed to open WAV: PATH" when the file cannot be opened.
 WavData read_wav(const std::string& path);
 
-// Writes `value` as 4 bytes, least significant first.
-void write_le32(std::ofstream& out, uint32_t value);
-// Writes `value` as 2 bytes, least significant first.
-void write_le16(std::ofstream& out, uint16_t value);
+// Appends `value` to `out` as 4 bytes, least significant first.
+void write_le32(std::string& out, uint32_t value);
+// Appends `value` to `out` as 2 bytes, least significant first.
+void write_le16(std::string& out, uint16_t value);
 
 // The 16-bit PCM value of a sample: clamped to -1.0 .. +1.0, scaled by 32767
 // (never 32768) and rounded half away from zero; NaN gives 0. The result
@@ -42,9 +41,12 @@ int16_t pcm16_from_sample(double x);
 // Largest sample count whose size fields (36 + 2n) still fit in 32 bits.
 constexpr std::size_t kMaxMonoWavSamples = 2147483629;
 
-// Writes a mono 16-bit PCM WAV with the canonical 44-byte header. Throws
-// "failed to write WAV: PATH" before writing any byte when the file cannot
-// be opened or the samples do not fit the 32-bit size fields.
+// Writes a mono 16-bit PCM WAV with the canonical 44-byte header, whole or
+// not at all: through PATH.tmp, renamed over PATH once every byte is written
+// and the file closed. Throws "failed to write WAV: PATH" when the samples
+// do not fit the 32-bit size fields (before writing any byte), or when the
+// temporary file cannot be opened, written or closed (it is then removed,
+// and an earlier file at PATH is left as it was).
 void write_mono_wav(const std::string& path, int32_t sample_rate, const std::vector<double>& samples);
 
 }  // namespace sonderlark

@@ -1,8 +1,8 @@
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -15,8 +15,10 @@ namespace {
 
 constexpr double kScale16 = 1.0 / 32768.0;       // 2^-15
 constexpr double kScale32 = 1.0 / 2147483648.0;  // 2^-31
-constexpr std::size_t kMinWavBytes = 44;
-constexpr std::size_t kChunkHeaderBytes = 8;
+constexpr uint64_t kMinWavBytes = 44;
+constexpr uint64_t kChunkHeaderBytes = 8;
+constexpr uint64_t kFmtBytes = 16;
+constexpr uint64_t kBlockBytes = 1 << 20;  // data are decoded this much at a time
 
 uint16_t le16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
 
@@ -30,115 +32,240 @@ bool has_id(const uint8_t* p, const char* id) { return std::memcmp(p, id, 4) == 
 // RIFF chunks are padded to an even length; the pad byte is not in the size.
 uint64_t padded_size(uint32_t size) { return static_cast<uint64_t>(size) + (size & 1u); }
 
-}  // namespace
+// Up to the first NUL, as the message travels as a C string.
+std::runtime_error truncated_chunk(const uint8_t* id) {
+  return std::runtime_error("truncated WAV chunk: " + std::string(reinterpret_cast<const char*>(id), 4));
+}
 
-WavData parse_wav(std::span<const uint8_t> bytes, const std::string& path) {
-  const uint64_t total = bytes.size();
-  const uint8_t* base = bytes.data();
-  if (total < kMinWavBytes || !has_id(base, "RIFF") || !has_id(base + 8, "WAVE")) {
-    throw std::runtime_error("not a RIFF/WAVE file: " + path);
-  }
+std::runtime_error not_wav(const std::string& path) { return std::runtime_error("not a RIFF/WAVE file: " + path); }
 
+// What the chunk walk found.
+struct Layout {
   bool fmt_seen = false;
   bool data_seen = false;
   uint16_t format_tag = 0;
-  WavData wav;
+  WavData format;  // header fields only
   uint64_t data_offset = 0;
   uint64_t data_size = 0;
+};
 
+void read_fmt(const uint8_t* fmt, Layout& layout) {
+  layout.format_tag = le16(fmt);
+  layout.format.channels = le16(fmt + 2);
+  // Rates of 2^31 and above read as negative; later stages cope.
+  layout.format.sample_rate = static_cast<int32_t>(le32(fmt + 4));
+  layout.format.bits_per_sample = le16(fmt + 14);
+  layout.fmt_seen = true;
+}
+
+bool layout_usable(const Layout& layout) {
+  return layout.format_tag == 1 && layout.format.channels != 0 &&
+         (layout.format.bits_per_sample == 16 || layout.format.bits_per_sample == 32);
+}
+
+// The errors of a finished walk, in the reader's order.
+void check_layout(const Layout& layout) {
+  if (!layout.fmt_seen || !layout.data_seen) throw std::runtime_error("missing fmt or data chunk");
+  if (layout.format_tag != 1) throw std::runtime_error("unsupported WAV encoding; expected PCM");
+  if (!layout_usable(layout)) {
+    throw std::runtime_error("unsupported PCM layout; expected 16-bit or 32-bit interleaved");
+  }
+}
+
+// Walks the chunks of a file of `total` bytes. fetch(offset, n, out) copies
+// n bytes from the file and returns false when they are no longer there
+// (the file shrank under us).
+template <typename Fetch>
+Layout walk_chunks(uint64_t total, const std::string& path, Fetch fetch) {
+  uint8_t head[12];
+  if (total < kMinWavBytes || !fetch(0, 12, head)) throw not_wav(path);
+  if (!has_id(head, "RIFF") || !has_id(head + 8, "WAVE")) throw not_wav(path);
+  Layout layout;
   // Offsets are 64-bit: a declared size near 2^32 cannot wrap the sum.
   uint64_t offset = 12;
   while (offset + kChunkHeaderBytes <= total) {
-    const uint8_t* header = base + offset;
+    uint8_t header[kChunkHeaderBytes];
+    if (!fetch(offset, kChunkHeaderBytes, header)) throw std::runtime_error("truncated WAV chunk: ");  // id gone too
     const uint32_t size = le32(header + 4);
     const uint64_t body = offset + kChunkHeaderBytes;
-    if (body + size > total) {
-      throw std::runtime_error("truncated WAV chunk: " +
-                               std::string(reinterpret_cast<const char*>(header), 4));
-    }
+    if (body + size > total) throw truncated_chunk(header);
     if (has_id(header, "fmt ")) {
-      if (size < 16) throw std::runtime_error("invalid fmt chunk");
-      const uint8_t* fmt = base + body;
-      format_tag = le16(fmt);
-      wav.channels = le16(fmt + 2);
-      // Rates of 2^31 and above read as negative; later stages cope.
-      wav.sample_rate = static_cast<int32_t>(le32(fmt + 4));
-      wav.bits_per_sample = le16(fmt + 14);
-      fmt_seen = true;
+      if (size < kFmtBytes) throw std::runtime_error("invalid fmt chunk");
+      uint8_t fmt[kFmtBytes];
+      if (!fetch(body, kFmtBytes, fmt)) throw truncated_chunk(header);
+      read_fmt(fmt, layout);
     } else if (has_id(header, "data")) {
-      data_offset = body;
-      data_size = size;
-      data_seen = true;
+      layout.data_offset = body;
+      layout.data_size = size;
+      layout.data_seen = true;
     }
     offset = body + padded_size(size);
   }
+  check_layout(layout);
+  return layout;
+}
 
-  if (!fmt_seen || !data_seen) throw std::runtime_error("missing fmt or data chunk");
-  if (format_tag != 1) throw std::runtime_error("unsupported WAV encoding; expected PCM");
-  if (wav.channels == 0 || (wav.bits_per_sample != 16 && wav.bits_per_sample != 32)) {
-    throw std::runtime_error("unsupported PCM layout; expected 16-bit or 32-bit interleaved");
-  }
+// A record with the layout's header fields and `frames` frames of room.
+WavData empty_record(const Layout& layout, uint64_t frames) {
+  WavData wav = layout.format;
+  wav.samples.assign(static_cast<std::size_t>(layout.format.channels), {});
+  for (auto& channel : wav.samples) reserve_large(channel, frames);
+  return wav;
+}
 
-  const uint64_t bytes_per_sample = static_cast<uint64_t>(wav.bits_per_sample) / 8;
-  const uint64_t channels = static_cast<uint64_t>(wav.channels);
-  const uint64_t frame_size = channels * bytes_per_sample;
-  const uint64_t frames = data_size / frame_size;  // a partial last frame is ignored
+uint64_t frame_bytes(const WavData& wav) {
+  return static_cast<uint64_t>(wav.channels) * static_cast<uint64_t>(wav.bits_per_sample / 8);
+}
 
-  wav.samples.assign(channels, {});
-  std::vector<double*> out(channels);
-  for (uint64_t c = 0; c < channels; ++c) {
-    reserve_large(wav.samples[c], frames);
-    wav.samples[c].resize(frames);
-    out[c] = wav.samples[c].data();
-  }
-  const uint8_t* data = base + data_offset;
-  if (bytes_per_sample == 2) {
-    for (uint64_t f = 0; f < frames; ++f) {
-      const uint8_t* frame = data + f * frame_size;
-      for (uint64_t c = 0; c < channels; ++c) {
-        out[c][f] = static_cast<int16_t>(le16(frame + 2 * c)) * kScale16;
-      }
-    }
-  } else {
-    for (uint64_t f = 0; f < frames; ++f) {
-      const uint8_t* frame = data + f * frame_size;
-      for (uint64_t c = 0; c < channels; ++c) {
-        out[c][f] = static_cast<int32_t>(le32(frame + 4 * c)) * kScale32;
-      }
+// Appends the `frames` whole frames at p to the channels of `wav`.
+void append_frames(const uint8_t* p, uint64_t frames, WavData& wav) {
+  const std::size_t channels = wav.samples.size();
+  const uint64_t size = frame_bytes(wav);
+  const std::size_t first = wav.samples[0].size();
+  for (auto& channel : wav.samples) channel.resize(first + frames);
+  for (std::size_t c = 0; c < channels; ++c) {
+    double* out = wav.samples[c].data() + first;
+    const uint8_t* in = p;
+    if (wav.bits_per_sample == 16) {
+      in += 2 * c;
+      for (uint64_t f = 0; f < frames; ++f, in += size) out[f] = static_cast<int16_t>(le16(in)) * kScale16;
+    } else {
+      in += 4 * c;
+      for (uint64_t f = 0; f < frames; ++f, in += size) out[f] = static_cast<int32_t>(le32(in)) * kScale32;
     }
   }
+}
+
+// Whole frames of at most kBlockBytes, at least one.
+uint64_t block_frames(uint64_t frame_size) { return std::max<uint64_t>(kBlockBytes / frame_size, 1); }
+
+bool pread_whole(int fd, uint64_t offset, uint64_t n, uint8_t* out) {
+  while (n > 0) {
+    const ssize_t got = pread(fd, out, n, static_cast<off_t>(offset));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    out += got;
+    offset += static_cast<uint64_t>(got);
+    n -= static_cast<uint64_t>(got);
+  }
+  return true;
+}
+
+// Reads up to n bytes; fewer only at the end of the stream.
+uint64_t read_up_to(int fd, uint64_t n, uint8_t* out) {
+  uint64_t done = 0;
+  while (done < n) {
+    const ssize_t got = read(fd, out + done, n - done);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    done += static_cast<uint64_t>(got);
+  }
+  return done;
+}
+
+// A regular file: the chunk walk reads headers only, then the data are
+// decoded block by block. A file cut short meanwhile is a truncated chunk.
+WavData read_regular(int fd, uint64_t total, const std::string& path) {
+  auto fetch = [fd](uint64_t offset, uint64_t n, uint8_t* out) { return pread_whole(fd, offset, n, out); };
+  const Layout layout = walk_chunks(total, path, fetch);
+  const uint64_t size = frame_bytes(layout.format);
+  const uint64_t frames = layout.data_size / size;  // a partial last frame is ignored
+  WavData wav = empty_record(layout, frames);
+  const uint64_t step = block_frames(size);
+  std::vector<uint8_t> block(static_cast<std::size_t>(std::min(frames, step) * size));
+  for (uint64_t f = 0; f < frames; f += step) {
+    const uint64_t n = std::min(step, frames - f);
+    if (!pread_whole(fd, layout.data_offset + f * size, n * size, block.data())) {
+      throw std::runtime_error("truncated WAV chunk: data");
+    }
+    append_frames(block.data(), n, wav);
+  }
+  return wav;
+}
+
+// A pipe or device: read in order, once, as far as the fmt and data chunks
+// (other chunks are skipped as they pass). Memory follows what arrives,
+// never more than the header describes, and nothing after the data chunk is
+// waited for.
+WavData read_stream(int fd, const std::string& path) {
+  uint64_t consumed = 0;
+  auto take = [&](uint64_t n, uint8_t* out) {
+    const uint64_t got = read_up_to(fd, n, out);
+    consumed += got;
+    return got;
+  };
+  uint8_t head[12];
+  if (take(12, head) < 12 || !has_id(head, "RIFF") || !has_id(head + 8, "WAVE")) throw not_wav(path);
+  Layout layout;
+  WavData wav;
+  std::vector<uint8_t> block;
+  std::vector<uint8_t> early_data;  // data met before fmt: decoded once fmt is known
+  while (!(layout.fmt_seen && layout.data_seen)) {
+    uint8_t header[kChunkHeaderBytes];
+    const uint64_t got = take(kChunkHeaderBytes, header);
+    if (got == 0) break;
+    if (got < kChunkHeaderBytes) break;  // the walk stops short of a whole header
+    const uint64_t size = le32(header + 4);
+    const bool is_fmt = has_id(header, "fmt ");
+    const bool is_data = has_id(header, "data");
+    const bool decode = is_data && layout.fmt_seen && layout_usable(layout);
+    const bool keep = is_data && !layout.fmt_seen;
+    if (decode) wav = empty_record(layout, 0);
+    if (keep) early_data.clear();
+    const uint64_t frame_size = decode ? frame_bytes(wav) : 1;
+    const uint64_t step = decode ? block_frames(frame_size) * frame_size : kBlockBytes;
+    uint8_t fmt[kFmtBytes] = {};
+    for (uint64_t done = 0; done < size;) {
+      const uint64_t n = std::min(step, size - done);
+      block.resize(static_cast<std::size_t>(n));
+      if (take(n, block.data()) < n) throw truncated_chunk(header);
+      if (is_fmt && done == 0) std::memcpy(fmt, block.data(), std::min(n, kFmtBytes));
+      if (decode) append_frames(block.data(), n / frame_size, wav);
+      if (keep) early_data.insert(early_data.end(), block.begin(), block.end());
+      done += n;
+    }
+    if (is_fmt) {
+      if (size < kFmtBytes) throw std::runtime_error("invalid fmt chunk");
+      read_fmt(fmt, layout);
+    }
+    if (is_data) layout.data_seen = true;
+    if ((size & 1u) != 0 && !(layout.fmt_seen && layout.data_seen)) take(1, block.data());
+  }
+  if (consumed < kMinWavBytes) throw not_wav(path);
+  check_layout(layout);
+  if (wav.samples.empty()) {  // fmt came after data
+    wav = empty_record(layout, 0);
+    append_frames(early_data.data(), early_data.size() / frame_bytes(wav), wav);
+  }
+  return wav;
+}
+
+}  // namespace
+
+WavData parse_wav(std::span<const uint8_t> bytes, const std::string& path) {
+  auto fetch = [bytes](uint64_t offset, uint64_t n, uint8_t* out) {
+    std::memcpy(out, bytes.data() + offset, n);
+    return true;
+  };
+  const Layout layout = walk_chunks(bytes.size(), path, fetch);
+  const uint64_t frames = layout.data_size / frame_bytes(layout.format);  // a partial last frame is ignored
+  WavData wav = empty_record(layout, frames);
+  append_frames(bytes.data() + layout.data_offset, frames, wav);
   return wav;
 }
 
 WavData read_wav(const std::string& path) {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) throw std::runtime_error("failed to open WAV: " + path);
+  struct Closer {
+    int fd;
+    ~Closer() { close(fd); }
+  } closer{fd};
   struct stat info {};
-  if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0) {
-    // A regular file is mapped rather than copied: its bytes are held once.
-    const std::size_t size = static_cast<std::size_t>(info.st_size);
-    void* map = mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, 0);
-    close(fd);
-    if (map == MAP_FAILED) throw std::runtime_error("failed to open WAV: " + path);
-    struct Unmap {
-      void* map;
-      std::size_t size;
-      ~Unmap() { munmap(map, size); }
-    } unmap{map, size};
-    return parse_wav({static_cast<const uint8_t*>(map), size}, path);
+  if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+    return read_regular(fd, static_cast<uint64_t>(info.st_size), path);
   }
-  // Anything else (a pipe, an empty or special file): read what it gives.
-  std::vector<uint8_t> bytes;
-  uint8_t buffer[65536];
-  for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) != 0;) {
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    bytes.insert(bytes.end(), buffer, buffer + n);
-  }
-  close(fd);
-  return parse_wav(bytes, path);
+  return read_stream(fd, path);
 }
 
 }  // namespace sonderlark

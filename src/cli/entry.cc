@@ -10,6 +10,7 @@
 #include "cli/one_shot.h"
 #include "cli/options.h"
 #include "live/live_mode.h"
+#include "util/files.h"
 #include "util/logger.h"
 #include "util/text.h"
 
@@ -42,6 +43,9 @@ int run_one_shot(Options& options, Logger& logger) {
 }  // namespace
 
 int run_sonderlark(int argc, char** argv) {
+  // A closed standard output or a file-size limit fails a write; it never
+  // kills the run halfway through its outputs.
+  ignore_write_signals();
   Options options;
   if (!parse_args(argc, argv, options)) {
     print_usage(argc > 0 && argv[0] != nullptr ? argv[0] : "sonderlark");

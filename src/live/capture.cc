@@ -1,15 +1,36 @@
 #include "live/capture.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <thread>
 
+#include "util/files.h"
 #include "util/text.h"
+
+extern char** environ;
 
 namespace sonderlark {
 namespace {
 
-constexpr std::size_t kCaptureBufferBytes = 64 * 1024;
+constexpr int kShellCannotRedirect = 2 << 8;  // the wait status of "exit 2"
+
+// Waits up to `milliseconds` for the child to end; true with its status.
+bool wait_for_end(int pid, int milliseconds, int& status) {
+  for (int waited = 0;; waited += 10) {
+    const int r = waitpid(pid, &status, WNOHANG);
+    if (r == pid || (r < 0 && errno != EINTR)) return true;
+    if (waited >= milliseconds) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
 
 }  // namespace
 
@@ -18,22 +39,63 @@ std::string build_capture_command(const std::string& device) {
          std::to_string(4) + " -t raw";
 }
 
-std::string build_launch_command(const std::string& capture_command, const std::string& stderr_path) {
-  return capture_command + " 2> " + shell_quote(stderr_path);
-}
-
 bool start_capture(CaptureChild& child, Logger& logger) {
-  std::fflush(nullptr);  // nothing buffered may be written twice by the child
-  child.pipe = popen(child.launch_command.c_str(), "r");
-  if (child.pipe == nullptr) {
+  child.refused_start_status.reset();
+  int pipe_fds[2];
+  if (pipe2(pipe_fds, O_CLOEXEC) != 0) {
     logger.line("error: failed to start arecord for live mode");
     return false;
   }
-  // A buffer as large as a pipe's: one read takes everything arecord wrote
-  // since the last one, instead of a page at a time.
-  child.pipe_buffer.resize(kCaptureBufferBytes);
-  std::setvbuf(child.pipe, child.pipe_buffer.data(), _IOFBF, child.pipe_buffer.size());
+  // As the shell's "2>" would, but never through a link or into a FIFO.
+  const int err = open_regular_for_writing(child.stderr_path);
+  if (err < 0) {
+    std::fprintf(stderr, "sonderlark: cannot open %s for arecord's standard error\n", child.stderr_path.c_str());
+    close(pipe_fds[0]);
+    close(pipe_fds[1]);
+    child.refused_start_status = kShellCannotRedirect;
+    return true;
+  }
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  // dup2 clears close-on-exec on the copies: the child keeps exactly these.
+  posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
+  const char* argv[] = {"sh", "-c", child.capture_command.c_str(), nullptr};
+  pid_t pid = -1;
+  const int spawned = posix_spawn(&pid, "/bin/sh", &actions, nullptr, const_cast<char* const*>(argv), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  close(pipe_fds[1]);
+  close(err);
+  if (spawned != 0) {
+    close(pipe_fds[0]);
+    logger.line("error: failed to start arecord for live mode");
+    return false;
+  }
+  child.pid = pid;
+  child.fd = pipe_fds[0];
   return true;
+}
+
+CaptureRead read_capture(CaptureChild& child, char* buffer, std::size_t size,
+                         std::optional<std::chrono::steady_clock::time_point> deadline) {
+  CaptureRead result;
+  while (child.fd >= 0 && result.bytes < size) {
+    if (deadline) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - std::chrono::steady_clock::now());
+      pollfd p{child.fd, POLLIN, 0};
+      const int ready = left.count() > 0 ? poll(&p, 1, static_cast<int>(left.count())) : 0;
+      if (ready < 0 && errno == EINTR) continue;
+      if (ready == 0) {
+        result.timed_out = true;
+        break;
+      }
+    }
+    const ssize_t n = read(child.fd, buffer + result.bytes, size - result.bytes);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;  // end of stream or read error: the child has stopped
+    result.bytes += static_cast<std::size_t>(n);
+  }
+  return result;
 }
 
 int decode_exit_code(int raw_status) {
@@ -45,13 +107,29 @@ int decode_exit_code(int raw_status) {
 
 CaptureStop stop_capture(CaptureChild& child) {
   CaptureStop stop;
-  stop.raw_status = pclose(child.pipe);
-  child.pipe = nullptr;
+  if (child.fd >= 0) close(child.fd);
+  child.fd = -1;
+  if (child.pid >= 0) {
+    int status = 0;
+    if (!wait_for_end(child.pid, kStopGraceMilliseconds, status)) {
+      kill(child.pid, SIGTERM);
+      if (!wait_for_end(child.pid, kStopGraceMilliseconds, status)) {
+        kill(child.pid, SIGKILL);
+        while (waitpid(child.pid, &status, 0) < 0 && errno == EINTR) {
+        }
+      }
+    }
+    stop.raw_status = status;
+    child.pid = -1;
+  } else if (child.refused_start_status) {
+    stop.raw_status = *child.refused_start_status;
+    child.refused_start_status.reset();
+  }
   stop.exit_code = decode_exit_code(stop.raw_status);
   return stop;
 }
 
-bool restart_capture(CaptureChild& child, int32_t chunks_since_start, Logger& logger) {
+bool restart_capture(CaptureChild& child, int64_t chunks_since_start, Logger& logger) {
   if (chunks_since_start > kHealthyChunks) {
     child.restart_attempts = 0;
   } else if (++child.restart_attempts > kMaxRestarts) {

@@ -1,21 +1,27 @@
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
-#include <cstdio>
+#include <optional>
 #include <string>
-#include <vector>
 
 #include "util/logger.h"
 
 namespace sonderlark {
 
-// The streaming arecord child of live mode.
+// The streaming arecord child of live mode: the shell runs capture_command
+// with its standard output on our pipe and its standard error on the file
+// at stderr_path, which the tool opens itself (truncated at every start).
 struct CaptureChild {
   std::string capture_command;  // arecord command proper: logged and published
-  std::string launch_command;   // capture_command plus the stderr redirection
-  FILE* pipe = nullptr;         // read end while a child runs, else null
-  std::vector<char> pipe_buffer;  // the stream's buffer, as large as the pipe
-  int32_t restart_attempts = 0; // restarts since the child was last healthy
+  std::string stderr_path;      // the child's standard error
+  int pid = -1;                 // the running child, -1 when none
+  int fd = -1;                  // read end of its standard output, -1 when none
+  // A start whose standard error file was refused runs no child; it stops
+  // at once with this wait status, as a shell whose redirection failed (2).
+  std::optional<int> refused_start_status;
+  int32_t restart_attempts = 0;  // restarts since the child was last healthy
 };
 
 // Raw wait status of a stopped child and its decoded exit code.
@@ -27,17 +33,30 @@ struct CaptureStop {
 constexpr int32_t kHealthyChunks = 10;        // more chunks than this since the start: healthy
 constexpr int32_t kMaxRestarts = 10;          // restarts without a healthy period in between
 constexpr int kRestartPauseSeconds = 2;
+constexpr int kStopGraceMilliseconds = 1000;  // before SIGTERM, and again before SIGKILL
 
 // "arecord -D <quoted device> -f S32_LE -r 16000 -c 4 -t raw"
 std::string build_capture_command(const std::string& device);
-// capture_command + " 2> " + the quoted stderr path: the text given to the shell.
-std::string build_launch_command(const std::string& capture_command, const std::string& stderr_path);
 
-// Starts the child through popen. False (after logging the error) when no
-// pipe could be had; a command the shell cannot run still counts as started.
+// Starts a child running capture_command. The standard error file is opened
+// without following links or blocking and must be a regular file; when it is
+// not, no child runs and the start counts as a child that ended with status
+// 2. False (after logging the error) when no pipe or process could be had.
 bool start_capture(CaptureChild& child, Logger& logger);
 
-// Closes the pipe, waits for the child and decodes its status.
+// What a read of the child's stream brought.
+struct CaptureRead {
+  std::size_t bytes = 0;   // bytes placed in the buffer
+  bool timed_out = false;  // the deadline came before the buffer was full
+};
+
+// Reads until `size` bytes have arrived, the stream ends (a stopped or
+// never-started child) or, with a deadline, the deadline passes.
+CaptureRead read_capture(CaptureChild& child, char* buffer, std::size_t size,
+                         std::optional<std::chrono::steady_clock::time_point> deadline);
+
+// Closes the pipe and collects the child. One that has not ended a second
+// after its pipe was closed gets SIGTERM, and SIGKILL a second after that.
 CaptureStop stop_capture(CaptureChild& child);
 
 // Exit code of a wait status as the shell reports it: the exit code, or
@@ -47,6 +66,6 @@ int decode_exit_code(int raw_status);
 // Restart decision after a stop, continuous mode only. Resets the attempt
 // count after a healthy period, gives up after kMaxRestarts, otherwise
 // pauses kRestartPauseSeconds and starts a new child. True when restarted.
-bool restart_capture(CaptureChild& child, int32_t chunks_since_start, Logger& logger);
+bool restart_capture(CaptureChild& child, int64_t chunks_since_start, Logger& logger);
 
 }  // namespace sonderlark

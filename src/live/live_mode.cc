@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <csignal>
 #include <malloc.h>
 #include <cstdlib>
+#include <optional>
 #include <sstream>
 
 #include "cli/exit_status.h"
@@ -133,7 +133,6 @@ WavData chunk_from_frames(const int32_t* interleaved, std::size_t frame_count) {
 }
 
 int run_live_mode(const Options& options, Logger& logger) {
-  std::signal(SIGPIPE, SIG_IGN);
   // Every chunk frees and allocates the same buffers again. Keep freed memory
   // in the heap rather than handing it back to the kernel each time: fresh
   // pages cost a fault and a clearing apiece.
@@ -149,7 +148,7 @@ int run_live_mode(const Options& options, Logger& logger) {
   logger.line("live_event_json: " + state.status_path);
   state.stderr_path = state.status_path + ".arecord.stderr";
   state.capture.capture_command = build_capture_command(options.device);
-  state.capture.launch_command = build_launch_command(state.capture.capture_command, state.stderr_path);
+  state.capture.stderr_path = state.stderr_path;
   logger.line("live capture command: " + state.capture.capture_command);
   logger.line("live arecord stderr: " + state.stderr_path);
 
@@ -161,6 +160,10 @@ int run_live_mode(const Options& options, Logger& logger) {
   state.frame_buffer.assign(chunk_frames * kLiveChannels, 0);
   const auto start = std::chrono::steady_clock::now();
   const bool finite = options.live_duration_seconds > 0;
+  // A finite run ends on time even when the child sends nothing: no read
+  // waits past the end.
+  std::optional<std::chrono::steady_clock::time_point> deadline;
+  if (finite) deadline = start + std::chrono::seconds(options.live_duration_seconds);
   // The child that ended the run, when it stopped before the end.
   CaptureStop last_stop;
 
@@ -170,10 +173,11 @@ int run_live_mode(const Options& options, Logger& logger) {
           std::chrono::steady_clock::now() - start);
       if (elapsed.count() / 1000000000 >= options.live_duration_seconds) break;
     }
-    const std::size_t samples =
-        std::fread(state.frame_buffer.data(), sizeof(int32_t), state.frame_buffer.size(), state.capture.pipe);
-    if (samples > 0) {
-      const std::size_t frames = samples / kLiveChannels;  // an incomplete frame is dropped
+    const CaptureRead read = read_capture(state.capture, reinterpret_cast<char*>(state.frame_buffer.data()),
+                                          state.frame_buffer.size() * sizeof(int32_t), deadline);
+    if (read.timed_out) break;  // the run's time is up
+    if (read.bytes > 0) {
+      const std::size_t frames = read.bytes / (kLiveChannels * sizeof(int32_t));  // an incomplete frame is dropped
       if (frames > 0) process_chunk(state, options, frames, logger);
       continue;
     }
@@ -186,7 +190,7 @@ int run_live_mode(const Options& options, Logger& logger) {
   // Final pass. A child still running is stopped here; one that already
   // stopped hands on its own status.
   close_pcm_output(state.pcm);
-  const CaptureStop final_stop = state.capture.pipe != nullptr ? stop_capture(state.capture) : last_stop;
+  const CaptureStop final_stop = state.capture.pid >= 0 ? stop_capture(state.capture) : last_stop;
   const std::string stderr_text = read_text_file(state.stderr_path);
   if (final_stop.raw_status != 0) {
     logger.line("error: arecord exited with status " + std::to_string(final_stop.raw_status) +

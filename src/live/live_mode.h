@@ -22,10 +22,10 @@ struct LiveState {
   CaptureChild capture;
   PcmOutput pcm;
   std::vector<int32_t> frame_buffer;  // live_chunk_frames x 4 interleaved samples
-  int32_t chunks_processed = 0;       // whole run, across restarts
-  int32_t low_confidence_chunks = 0;
+  int64_t chunks_processed = 0;       // whole run, across restarts
+  int64_t low_confidence_chunks = 0;
   bool speech_seen = false;           // any chunk's processed rms above the speech threshold
-  int32_t chunks_since_start = 0;     // since the child was last started
+  int64_t chunks_since_start = 0;     // since the child was last started
   DirectionEstimate last_direction;
   ChannelDiagnostics last_diagnostics;
 };

@@ -3,24 +3,53 @@
 #include <cerrno>
 #include <cstdint>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "audio/wav.h"
 
 namespace sonderlark {
 
+std::string pcm_output_refusal(int fd, const std::string& path) {
+  struct stat file {};
+  if (fstat(fd, &file) != 0 || !(S_ISFIFO(file.st_mode) || S_ISREG(file.st_mode))) {
+    return "not a FIFO or regular file";
+  }
+  // In a folder where anyone may create files but only remove their own
+  // (like /tmp), a file of another user may be a trap set for our audio.
+  const std::size_t slash = path.rfind('/');
+  const std::string folder = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+  struct stat parent {};
+  const bool shared = stat(folder.c_str(), &parent) == 0 && (parent.st_mode & S_IWOTH) != 0 &&
+                      (parent.st_mode & S_ISVTX) != 0;
+  if (shared && file.st_uid != geteuid() && file.st_uid != 0) return "owned by another user";
+  return "";
+}
+
 void open_pcm_output(PcmOutput& output, Logger& logger) {
   if (output.fd >= 0) return;
-  // O_CLOEXEC keeps the descriptor out of the arecord children.
-  output.fd = open(output.path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-  if (output.fd >= 0) {
+  // O_CLOEXEC keeps the descriptor out of the arecord children; O_NOFOLLOW
+  // refuses a symbolic link planted at the path.
+  int fd = open(output.path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
+  std::string reason;
+  if (fd < 0 && errno == ELOOP) reason = "symbolic link";
+  if (fd >= 0) {
+    reason = pcm_output_refusal(fd, output.path);
+    if (!reason.empty()) {
+      close(fd);
+      fd = -1;
+    }
+  }
+  if (fd >= 0) {
+    output.fd = fd;
     logger.line("live PCM output connected: " + output.path);
     return;
   }
   if (!output.warned) {
     logger.line(
         "warning: live PCM output has no reader or cannot be opened nonblocking; direction status "
-        "will continue without virtual mic PCM writes");
+        "will continue without virtual mic PCM writes" +
+        (reason.empty() ? "" : ": " + reason));
     output.warned = true;
   }
 }

@@ -6,8 +6,11 @@
 
 namespace sonderlark {
 
-// The body of a JSON string: tab, line feed, carriage return, double quote
-// and backslash are escaped; every other byte is copied as it is.
+// The body of a JSON string, valid for a strict parser whatever the bytes:
+// tab, line feed, carriage return, double quote and backslash get their
+// short escapes, other bytes below 0x20 are written \u00XX (lower-case hex),
+// each byte that is not part of well-formed UTF-8 becomes the escape
+// \ufffd, and everything else (well-formed UTF-8 included) is copied.
 std::string json_escape(const std::string& text);
 
 // json_escape(text) in double quotes: a whole JSON string value.

@@ -9,21 +9,11 @@
 #include <filesystem>
 
 #include "report/json.h"
+#include "util/files.h"
 #include "util/text.h"
 
 namespace sonderlark {
 namespace {
-
-bool write_whole(int fd, const std::string& text) {
-  std::size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += static_cast<std::size_t>(n);
-  }
-  return true;
-}
 
 // Moves `temp_path` over `path` in one step. The two are exchanged and the
 // old record, now at `temp_path`, is unlinked right away: on ext4 a plain
@@ -48,7 +38,7 @@ void replace_file(const std::string& temp_path, const std::string& path) {
 
 void write_live_event_json(const std::string& path, const Options& options,
                            const DirectionEstimate& direction, const ChannelDiagnostics& diagnostics,
-                           bool detected_speech, int chunks_processed, bool pcm_output_connected,
+                           bool detected_speech, int64_t chunks_processed, bool pcm_output_connected,
                            bool live_processing, const std::string& status, const std::string& error,
                            const std::string& arecord_command, int arecord_exit_code,
                            const std::string& arecord_stderr) {
@@ -88,9 +78,10 @@ void write_live_event_json(const std::string& path, const Options& options,
   record += "  \"processed_channel_rms\": " + vector_json(diagnostics.rms) + "\n";
   record += "}\n";
 
-  const int fd = open(temp_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  // Never through a link or into a FIFO planted at the temporary path.
+  const int fd = open_regular_for_writing(temp_path);
   if (fd < 0) return;
-  const bool written = write_whole(fd, record);
+  const bool written = write_all(fd, record);
   // A record that did not reach the file whole must not replace the last good one.
   if (close(fd) != 0 || !written) return;
   replace_file(temp_path, path);

@@ -1,9 +1,10 @@
 #include "report/manifest.h"
 
-#include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 #include "report/json.h"
+#include "util/files.h"
 #include "util/text.h"
 
 namespace sonderlark {
@@ -20,8 +21,8 @@ void write_event_json(const std::string& path, const Options& options, const Wav
                       const ChannelDiagnostics& processed, const ChannelDiagnostics& beamformed,
                       const DirectionEstimate& direction, const BeamformResult& beam,
                       const std::vector<std::string>& warnings) {
-  std::ofstream out(path, std::ios::out | std::ios::trunc);
-  if (!out) throw std::runtime_error("failed to write event JSON: " + path);
+  FileReplacement file = begin_replacement(path);
+  if (file.fd < 0) throw std::runtime_error("failed to write event JSON: " + path);
 
   auto flag = [](bool value) { return value ? "true" : "false"; };
   std::string warning_array = "[";
@@ -32,6 +33,7 @@ void write_event_json(const std::string& path, const Options& options, const Wav
   warning_array += "]";
   const std::string angle = fixed(direction.angle_degrees, 2);
 
+  std::ostringstream out;
   out << "{\n"
       << "  \"timestamp\": \"" << now_iso8601_utc() << "\",\n"
       << "  \"device\": " << json_string(options.device) << ",\n"
@@ -66,6 +68,8 @@ void write_event_json(const std::string& path, const Options& options, const Wav
       << "  },\n"
       << "  \"warnings\": " << warning_array << "\n"
       << "}\n";
+  replacement_write(file, out.str());
+  if (!finish_replacement(file)) throw std::runtime_error("failed to write event JSON: " + path);
 }
 
 }  // namespace sonderlark

@@ -18,8 +18,8 @@ constexpr double kSpeechRmsThreshold = 0.003;
 bool detected_speech(const std::vector<double>& processed_rms);
 
 // Writes the one-shot event manifest (34 lines, fixed key order) to `path`,
-// in place. Throws "failed to write event JSON: PATH" when it cannot be
-// opened; write errors after that are not detected.
+// whole or not at all (through PATH.tmp, as write_mono_wav). Throws
+// "failed to write event JSON: PATH" when it cannot be written.
 void write_event_json(const std::string& path, const Options& options, const WavData& input,
                       double duration, const ChannelDiagnostics& raw,
                       const ChannelDiagnostics& processed, const ChannelDiagnostics& beamformed,

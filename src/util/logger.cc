@@ -4,17 +4,22 @@
 
 namespace sonderlark {
 
+Logger::~Logger() {
+  if (file != nullptr) std::fclose(file);
+}
+
 void Logger::line(const std::string& text) {
   std::cout << text << '\n';
-  if (file.is_open()) {
-    file << text << '\n';
-    file.flush();
+  if (file != nullptr) {
+    std::fwrite(text.data(), 1, text.size(), file);
+    std::fputc('\n', file);
+    std::fflush(file);
   }
 }
 
 void open_log(Logger& logger, const std::string& path) {
   if (path.empty()) return;
-  logger.file.open(path, std::ios::out | std::ios::trunc);
+  logger.file = std::fopen(path.c_str(), "we");  // "e": O_CLOEXEC
 }
 
 }  // namespace sonderlark

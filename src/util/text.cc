@@ -1,10 +1,13 @@
 #include "util/text.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <ctime>
-#include <fstream>
-#include <iterator>
 
 namespace sonderlark {
 
@@ -31,9 +34,23 @@ std::string now_iso8601_utc() {
 }
 
 std::string read_text_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in.is_open()) return {};
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  // Never through a link, never waiting on a FIFO: a regular file or nothing.
+  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return {};
+  std::string text;
+  struct stat info {};
+  if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+    char buffer[65536];
+    for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) != 0;) {
+      if (n < 0) {
+        if (errno == EINTR) continue;
+        break;
+      }
+      text.append(buffer, static_cast<std::size_t>(n));
+    }
+  }
+  close(fd);
+  return text;
 }
 
 std::string fixed(double value, int decimals) {

@@ -11,7 +11,8 @@ std::string shell_quote(const std::string& s);
 // Wall-clock time, whole seconds truncated, as "YYYY-MM-DDTHH:MM:SSZ" (UTC).
 std::string now_iso8601_utc();
 
-// The whole file, byte for byte; empty when it cannot be opened.
+// The whole file, byte for byte; empty when it cannot be opened or is not a
+// regular file (a symbolic link, a FIFO: never followed, never waited on).
 std::string read_text_file(const std::string& path);
 
 // `value` in fixed notation with `decimals` digits after the point, rounded

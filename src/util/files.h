@@ -1,0 +1,39 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace sonderlark {
+
+// Opens `path` for writing as a plain file of ours: created or truncated,
+// never through a symbolic link, never blocking on a FIFO, closed on exec,
+// and checked to be a regular file. -1 when any of that fails.
+int open_regular_for_writing(const std::string& path);
+
+// Writes all of `bytes`, resuming after interruptions and short writes.
+bool write_all(int fd, std::string_view bytes);
+
+// A file written whole or not at all: the bytes go to `path`.tmp, which
+// replaces `path` only once every write and the close have succeeded.
+struct FileReplacement {
+  std::string path;
+  std::string temp_path;
+  int fd = -1;         // -1 when the temporary file could not be had
+  bool failed = false;  // a write failed
+};
+
+// Opens `path`.tmp for a replacement of `path`.
+FileReplacement begin_replacement(const std::string& path);
+
+// Appends `bytes` to the temporary file; a failure is remembered.
+void replacement_write(FileReplacement& file, std::string_view bytes);
+
+// Closes the temporary file and moves it over `path`. On any failure the
+// temporary file is removed, `path` is left as it was, and false returned.
+bool finish_replacement(FileReplacement& file);
+
+// Standard output and this process: SIGPIPE and SIGXFSZ are ignored, so a
+// closed reader or a file-size limit is a failed write, not a killed run.
+void ignore_write_signals();
+
+}  // namespace sonderlark

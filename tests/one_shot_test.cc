@@ -1,9 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <sys/stat.h>
+
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <regex>
+#include <thread>
 
 #include "audio/wav.h"
 #include "support.h"
@@ -149,6 +153,8 @@ struct FailureCase {
   std::string last_line;       // the run's final line
   bool beam_written;
   bool summary_logged;         // diagnostics, summary and warnings reached the log
+  std::string plant = "";      // "fifo NAME" or "link NAME": put there before the run
+  long file_size_limit = 0;    // bytes, when the run has one (a write past it fails with EFBIG)
 };
 
 void PrintTo(const FailureCase& c, std::ostream* os) { *os << c.name; }
@@ -158,12 +164,24 @@ class FailureRoad : public testing::TestWithParam<FailureCase> {};
 TEST_P(FailureRoad, Status20AndOnlyWhatWasDone) {
   const FailureCase& c = GetParam();
   test::TempDir tmp;
-  test::write_bytes(tmp.path("good.wav"), test::pcm_wav(4, 16000, 32, interleave(array_noise(2, 2000, 0.3, 3), 32)).data);
+  test::write_bytes(tmp.path("good.wav"), test::pcm_wav(4, 16000, 32, interleave(array_noise(2, 16000, 0.3, 3), 32)).data);
   test::write_file(tmp.path("bad.wav"), "RIFF....WAVE but far too short");
   test::write_file(tmp.path("old_beam.wav"), "previous beam");
   test::write_file(tmp.path("old_event.json"), "previous manifest");
   fs::create_directory(tmp.path("event_dir"));
-  std::vector<std::string> argv = {test::tool_path(), "--log", "run.log"};
+  test::write_file(tmp.path("target"), "not ours to change");
+  if (c.plant.starts_with("fifo ")) {
+    ASSERT_EQ(mkfifo(tmp.path(c.plant.substr(5)).c_str(), 0600), 0);
+  }
+  if (c.plant.starts_with("link ")) fs::create_symlink(tmp.path("target"), tmp.path(c.plant.substr(5)));
+  std::vector<std::string> argv;
+  if (c.file_size_limit > 0) {
+    argv = {"python3", "-c",
+            "import os, resource, sys\nn = int(sys.argv[1])\nresource.setrlimit(resource.RLIMIT_FSIZE, (n, n))\n"
+            "os.execv(sys.argv[2], sys.argv[2:])",
+            std::to_string(c.file_size_limit)};
+  }
+  argv.insert(argv.end(), {test::tool_path(), "--log", "run.log"});
   argv.insert(argv.end(), c.args.begin(), c.args.end());
   const test::RunResult r = test::run(argv, {}, tmp.dir.string());
   EXPECT_EQ(r.exit_code, 20);
@@ -175,6 +193,10 @@ TEST_P(FailureRoad, Status20AndOnlyWhatWasDone) {
   EXPECT_EQ(test::read_file(tmp.path("old_event.json")), "previous manifest");
   EXPECT_EQ(test::read_file(tmp.path("old_beam.wav")) != "previous beam", c.beam_written);
   EXPECT_EQ(test::read_file(tmp.path("bad.wav")), "RIFF....WAVE but far too short");
+  EXPECT_EQ(test::read_file(tmp.path("target")), "not ours to change");
+  for (const auto& entry : fs::directory_iterator(tmp.dir)) {  // no partial file left behind
+    EXPECT_FALSE(!entry.is_symlink() && entry.is_regular_file() && entry.path().extension() == ".tmp") << entry.path();
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -188,7 +210,17 @@ INSTANTIATE_TEST_SUITE_P(
                     {"--input-wav", "good.wav", "--beamformed", "missing/beam.wav", "--event", "old_event.json"},
                     "error: failed to write WAV: missing/beam.wav", false, false},
         FailureCase{"ManifestUnwritable", {"--input-wav", "good.wav", "--beamformed", "old_beam.wav", "--event", "event_dir"},
-                    "error: failed to write event JSON: event_dir", true, true}),
+                    "error: failed to write event JSON: event_dir", true, true},
+        // Beam WAV of 32 KiB against a 16 KiB limit: no SIGXFSZ, no cut-short file.
+        FailureCase{"BeamPastTheFileSizeLimit",
+                    {"--input-wav", "good.wav", "--beamformed", "old_beam.wav", "--event", "old_event.json"},
+                    "error: failed to write WAV: old_beam.wav", false, false, "", 16384},
+        FailureCase{"LinkAtTheBeamsTemporaryFile",
+                    {"--input-wav", "good.wav", "--beamformed", "old_beam.wav", "--event", "old_event.json"},
+                    "error: failed to write WAV: old_beam.wav", false, false, "link old_beam.wav.tmp"},
+        FailureCase{"FifoAtTheManifestsTemporaryFile",
+                    {"--input-wav", "good.wav", "--beamformed", "old_beam.wav", "--event", "old_event.json"},
+                    "error: failed to write event JSON: old_event.json", true, true, "fifo old_event.json.tmp"}),
     [](const auto& info) { return info.param.name; });
 
 TEST(OneShotRun, LogInMissingDirectoryStillRunsOnStandardOutput) {
@@ -202,6 +234,118 @@ TEST(OneShotRun, LogInMissingDirectoryStillRunsOnStandardOutput) {
   EXPECT_TRUE(r.out.ends_with("raw_wav: in.wav\nbeamformed_wav: b.wav\nevent_json: e.json\nclean exit\n"));
   EXPECT_EQ(r.err, "");
   EXPECT_FALSE(fs::exists(tmp.path("missing")));
+}
+
+// A reader that has gone away before the run writes a line: the run goes
+// on to its end and its files, without SIGPIPE.
+TEST(OneShotRun, StandardOutputClosedByTheReaderIsNotAnError) {
+  test::TempDir tmp;
+  test::write_bytes(tmp.path("in.wav"), test::pcm_wav(4, 16000, 32, interleave(array_noise(1, 2000, 0.3, 4), 32)).data);
+  const test::RunResult r = test::run(
+      {"python3", "-c",
+       "import os, subprocess, sys\nr, w = os.pipe()\nos.close(r)\n"
+       "sys.exit(subprocess.run(sys.argv[1:], stdout=w).returncode)",
+       test::tool_path(), "--input-wav", "in.wav", "--log", "run.log", "--beamformed", "b.wav", "--event", "e.json"},
+      {}, tmp.dir.string());
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_TRUE(test::read_file(tmp.path("run.log")).ends_with("event_json: e.json\nclean exit\n"));
+  EXPECT_TRUE(fs::exists(tmp.path("b.wav")));
+  EXPECT_TRUE(fs::exists(tmp.path("e.json")));
+}
+
+// Another process cuts the input short while the run reads it: the reader's
+// message and status 20, never a crash. The run is stopped once it has read
+// part of the data, the file is cut, and the run continues.
+TEST(OneShotRun, InputCutShortDuringTheReadEndsWithTheReadersMessage) {
+  test::TempDir tmp;
+  const std::string input = tmp.path("long.wav");
+  {
+    const uint64_t frames = 8000000;  // 128 MB of data
+    test::Bytes header = test::riff(test::fmt_chunk(1, 4, 16000, 32));
+    std::string bytes(header.data.begin(), header.data.end());
+    const uint32_t data_size = static_cast<uint32_t>(frames * 16);
+    bytes += "data";
+    for (int b = 0; b < 4; ++b) bytes += static_cast<char>((data_size >> (8 * b)) & 0xFF);
+    const uint32_t riff_size = static_cast<uint32_t>(bytes.size() - 8 + data_size);
+    for (int b = 0; b < 4; ++b) bytes[4 + b] = static_cast<char>((riff_size >> (8 * b)) & 0xFF);
+    bytes.resize(bytes.size() + data_size, '\x11');
+    test::write_file(input, bytes);
+  }
+  const int tool = test::spawn({test::tool_path(), "--input-wav", input, "--log", "", "--beamformed",
+                                tmp.path("b.wav"), "--event", tmp.path("e.json")},
+                               {}, tmp.path("out"), tmp.path("err"));
+  // Stop it once /proc/PID/io shows more than 16 MB read, cut the file, go on.
+  bool caught = false;
+  for (int i = 0; i < 20000 && !caught; ++i) {
+    const std::string io = test::read_file("/proc/" + std::to_string(tool) + "/io");
+    const std::size_t at = io.find("rchar: ");
+    if (at != std::string::npos && std::stoll(io.substr(at + 7)) > (16 << 20)) {
+      kill(tool, SIGSTOP);
+      caught = true;
+    } else {
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+  }
+  fs::resize_file(input, 1 << 20);
+  kill(tool, SIGCONT);
+  EXPECT_EQ(test::wait_child(tool), 20);
+  ASSERT_TRUE(caught) << "the run ended before it could be stopped mid-read";
+  EXPECT_TRUE(test::read_file(tmp.path("out")).ends_with("error: truncated WAV chunk: data\n"));
+}
+
+// A FIFO whose writer never stops: the run reads what the header describes
+// and ends; the writer meets a closed pipe.
+TEST(OneShotRun, EndlessStreamIsReadAsFarAsItsHeaderSays) {
+  test::TempDir tmp;
+  const std::string fifo = tmp.path("endless.wav");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  test::Bytes header = test::pcm_wav(4, 16000, 32, std::vector<int64_t>(4 * 16000, 0));
+  header.data.resize(44);  // the header of one second; the data follow from the writer
+  test::write_bytes(tmp.path("header"), header.data);
+  const int writer = test::spawn({"sh", "-c", "cat \"$0\" /dev/zero > \"$1\"", tmp.path("header"), fifo}, {},
+                                 tmp.path("w.out"), tmp.path("w.err"));
+  const test::RunResult r = test::run({test::tool_path(), "--input-wav", fifo, "--log", "", "--beamformed",
+                                       tmp.path("b.wav"), "--event", tmp.path("e.json")});
+  EXPECT_EQ(r.exit_code, 0) << r.out;
+  EXPECT_NE(r.out.find("\nduration_seconds: 1.000000\n"), std::string::npos) << r.out;
+  kill(writer, SIGTERM);  // in case it still waits
+  test::wait_child(writer);
+}
+
+// A full file system (a small tmpfs, filled up): the write that fails is
+// reported, nothing cut short is left, and an earlier file stays.
+TEST(OneShotRun, FullDiskFailsTheWriteAndKeepsTheEarlierFile) {
+  test::TempDir tmp;
+  const std::string full = tmp.path("full");
+  fs::create_directory(full);
+  if (test::run({"mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", full}).exit_code != 0) {
+    GTEST_SKIP() << "cannot mount a small tmpfs here (needs root)";
+  }
+  struct Unmount {
+    std::string path;
+    ~Unmount() { test::run({"umount", path}); }
+  } unmount{full};
+  test::write_file(full + "/b.wav", "previous beam");
+  test::write_file(full + "/e.json", "previous manifest");
+  test::run({"sh", "-c", "cat /dev/zero > \"$0\"/filler", full});  // until ENOSPC
+  test::write_bytes(tmp.path("in.wav"), test::pcm_wav(4, 16000, 32, interleave(array_noise(1, 2000, 0.3, 4), 32)).data);
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{"--beamformed", full + "/b.wav", "--event", tmp.path("e.json")}, "error: failed to write WAV: " + full + "/b.wav"},
+      {{"--beamformed", tmp.path("b.wav"), "--event", full + "/e.json"},
+       "error: failed to write event JSON: " + full + "/e.json"},
+  };
+  for (const auto& [paths, last_line] : cases) {
+    SCOPED_TRACE(last_line);
+    std::vector<std::string> argv = {test::tool_path(), "--input-wav", tmp.path("in.wav"), "--log", ""};
+    argv.insert(argv.end(), paths.begin(), paths.end());
+    const test::RunResult r = test::run(argv);
+    EXPECT_EQ(r.exit_code, 20);
+    EXPECT_TRUE(r.out.ends_with(last_line + "\n")) << r.out;
+    EXPECT_EQ(test::read_file(full + "/b.wav"), "previous beam");
+    EXPECT_EQ(test::read_file(full + "/e.json"), "previous manifest");
+    EXPECT_FALSE(fs::exists(full + "/b.wav.tmp"));
+    EXPECT_FALSE(fs::exists(full + "/e.json.tmp"));
+  }
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #   KILL_SIGNAL    signal the stand-in sends itself at the end
 #   EXIT_CODE      exit code otherwise (default 0)
 #   STATUS_FILE    live status file, copied to snapshot.N at start N
+#   HANG           after the frames, stay alive sending nothing ("ignore-term": also ignore SIGTERM)
 d=$STAND_IN_DIR
 n=$(( $(cat "$d/starts" 2>/dev/null || echo 0) + 1 ))
 echo "$n" > "$d/starts"
@@ -21,6 +22,7 @@ if [ "$(cat /proc/$tool/comm)" = sh ]; then tool=$(awk '{print $4}' /proc/$tool/
 ls /proc/$tool/fd | wc -l >> "$d/fds"
 awk -v p="$tool" '$4 == p && $3 == "Z"' /proc/[0-9]*/stat 2>/dev/null | wc -l >> "$d/zombies"
 if [ -n "$STATUS_FILE" ] && [ -f "$STATUS_FILE" ]; then cp "$STATUS_FILE" "$d/snapshot.$n"; fi
+for fd in /proc/$$/fd/*; do readlink "$fd"; done > "$d/own_fds"
 
 if [ "$n" -eq 1 ] && [ -n "$FIRST_FRAMES" ]; then
   cat "$FIRST_FRAMES"
@@ -28,5 +30,7 @@ elif [ -n "$FRAMES" ]; then
   cat "$FRAMES"
 fi
 printf '%s' "$STDERR_TEXT" >&2
+if [ "$HANG" = ignore-term ]; then trap '' TERM; fi
+if [ -n "$HANG" ]; then exec sleep 600; fi
 if [ -n "$KILL_SIGNAL" ]; then kill -"$KILL_SIGNAL" $$; fi
 exit "${EXIT_CODE:-0}"

@@ -73,11 +73,11 @@ struct ExitCase {
 
 TEST(StopCapture, DecodesRealChildrenLikeTheShell) {
   const ExitCase cases[] = {
-      {"exit 0", 0, 0},
-      {"exit 1", 256, 1},
-      {"exit 255", 65280, 255},
-      {"kill -9 $$", 9, 137},
-      {"kill -PIPE $$", 13, 141},
+      {"sh -c 'exit 0'", 0, 0},
+      {"sh -c 'exit 1'", 256, 1},
+      {"sh -c 'exit 255'", 65280, 255},
+      {"sh -c 'kill -9 $$'", 9, 137},
+      {"sh -c 'kill -PIPE $$'", 13, 141},
       {"no_such_command_here 2>/dev/null", 127 << 8, 127},
   };
   Logger logger;

@@ -441,6 +441,165 @@ TEST(LiveStartFailure, NoPipeForTheChildEndsWith30AndNoStatusFile) {
   EXPECT_FALSE(fs::exists(tmp.path("status.json")));
 }
 
+// A child that stays alive and sends nothing cannot hold a finite run: at
+// the end it gets a second, then SIGTERM, then a second, then SIGKILL.
+TEST(LiveStandIn, StalledChildIsEndedWhenAFiniteRunEnds) {
+  struct Case {
+    std::string hang;
+    std::size_t chunks;
+    int exit_code;
+    std::string end;  // the final pass's report of the child
+    std::string status;
+  };
+  const Case cases[] = {
+      {"yes", 5, 0, "error: arecord exited with status 15, exit_code 143\n", "\"stopped\""},
+      {"ignore-term", 5, 0, "error: arecord exited with status 9, exit_code 137\n", "\"stopped\""},
+      {"yes", 0, 32, "error: arecord exited with status 15, exit_code 143\n", "\"degraded\""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.hang + " " + std::to_string(c.chunks));
+    StandIn s(Env{{"HANG", c.hang}});
+    if (c.chunks > 0) s.env["FRAMES"] = s.frames_file(c.chunks);
+    const test::RunResult r = s.run("1");
+    EXPECT_EQ(r.exit_code, c.exit_code) << r.out;
+    EXPECT_NE(r.out.find(c.end), std::string::npos) << r.out;
+    EXPECT_EQ(status_value(s.status(), "status"), c.status);
+    EXPECT_EQ(status_value(s.status(), "chunks_processed"), std::to_string(c.chunks));
+  }
+}
+
+// Standard error with escape sequences, control bytes and bytes that are not
+// UTF-8 still gives a status file that a strict parser reads.
+TEST(LiveStandIn, HostileStandardErrorStaysValidJson) {
+  StandIn s({{"EXIT_CODE", "1"}, {"STDERR_TEXT", "\x1b[31mred\x01 \xff\xfe end"}});
+  s.env["FRAMES"] = s.frames_file(3);
+  const test::RunResult r = s.run("30");
+  EXPECT_EQ(r.exit_code, 0);
+  EXPECT_EQ(status_value(s.status(), "arecord_stderr"), "\"\\u001b[31mred\\u0001 \\ufffd\\ufffd end\"");
+  // The log file is ours alone: the child never holds it.
+  EXPECT_NE(s.record("own_fds"), "");
+  EXPECT_EQ(s.record("own_fds").find("live.log"), std::string::npos) << s.record("own_fds");
+}
+
+// Links and FIFOs planted at the status file's helper paths: the run ends,
+// nothing is written through them.
+TEST(LiveStandIn, PlantedHelperPathsNeitherHangNorLeak) {
+  struct Case {
+    std::string plant;  // "fifo" or "link"
+    std::string suffix;
+    int exit_code;
+  };
+  const Case cases[] = {
+      {"fifo", ".tmp", 0}, {"link", ".tmp", 0}, {"fifo", ".arecord.stderr", 32}, {"link", ".arecord.stderr", 32}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.plant + c.suffix);
+    StandIn s(Env{{"STDERR_TEXT", "arecord's complaint"}});
+    s.env["FRAMES"] = s.frames_file(3);
+    const std::string planted = s.status() + c.suffix;
+    test::write_file(s.tmp.path("target"), "not ours to change");
+    if (c.plant == "fifo") {
+      ASSERT_EQ(mkfifo(planted.c_str(), 0600), 0);
+    } else {
+      fs::create_symlink(s.tmp.path("target"), planted);
+    }
+    const test::RunResult r = s.run("30");
+    EXPECT_EQ(r.exit_code, c.exit_code) << r.out;
+    EXPECT_EQ(test::read_file(s.tmp.path("target")), "not ours to change");
+    EXPECT_EQ(fs::symlink_status(planted).type(), c.plant == "fifo" ? fs::file_type::fifo : fs::file_type::symlink);
+    if (c.suffix == ".tmp") {
+      EXPECT_FALSE(fs::exists(s.status()));  // every record was refused
+    } else {
+      // No child ran: the start failed as a failed shell redirection does.
+      EXPECT_EQ(s.record("starts"), "");
+      EXPECT_NE(r.out.find("warning: arecord stopped during live mode with status 512, exit_code 2\n"),
+                std::string::npos);
+      EXPECT_EQ(status_value(s.status(), "status"), "\"degraded\"");
+      EXPECT_EQ(status_value(s.status(), "arecord_stderr"), "\"\"");
+    }
+  }
+}
+
+// Runs `argv` as the user nobody: a second local user, for planting files.
+test::RunResult as_nobody(std::vector<std::string> argv) {
+  argv.insert(argv.begin(), {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
+  return test::run(argv);
+}
+
+// Another user's FIFO, file or link at the PCM path in a folder like /tmp
+// never receives the audio; our own FIFO there does.
+TEST(LiveRealArecord, PcmPathPlantedByAnotherUserIsRefused) {
+  if (geteuid() != 0 || test::run({"setpriv", "--version"}).exit_code != 0) {
+    GTEST_SKIP() << "planting files as another user needs root and setpriv";
+  }
+  RealDevice device(200000, false);
+  fs::permissions(device.tmp.dir, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                                      fs::perms::others_read | fs::perms::others_exec);
+  const std::string shared = device.tmp.path("shared");
+  fs::create_directory(shared);
+  fs::permissions(shared, fs::perms::all | fs::perms::sticky_bit);
+  test::write_file(device.tmp.path("ours"), "our file");
+  struct Case {
+    std::string name;
+    std::vector<std::string> plant;  // run as nobody; empty: we make a FIFO ourselves
+    std::string reason;              // "" when the output must connect
+  };
+  const Case cases[] = {
+      {"their_fifo", {"mkfifo", "-m", "666", shared + "/their_fifo"}, ": owned by another user"},
+      {"their_file", {"sh", "-c", "umask 0; echo theirs > \"$0\"", shared + "/their_file"}, ": owned by another user"},
+      {"their_link", {"ln", "-s", device.tmp.path("ours"), shared + "/their_link"}, ": symbolic link"},
+      {"our_fifo", {}, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = shared + "/" + c.name;
+    if (c.plant.empty()) {
+      ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    } else {
+      ASSERT_EQ(as_nobody(c.plant).exit_code, 0);
+    }
+    const bool fifo = fs::symlink_status(path).type() == fs::file_type::fifo;
+    const int reader = fifo ? spawn_fifo_reader(path, device.tmp.path(c.name + ".got"), device.tmp.path("r.err")) : -1;
+    const test::RunResult r = test::run(device.args("1", path), device.env());
+    const int reader_end = fifo ? finish_fifo_reader(reader, path) : 0;
+    EXPECT_EQ(reader_end, 0);
+    EXPECT_EQ(r.exit_code, 0) << r.out;
+    const std::string warning =
+        "warning: live PCM output has no reader or cannot be opened nonblocking; direction status will continue "
+        "without virtual mic PCM writes" + c.reason + "\n";
+    EXPECT_EQ(count(r.out, warning), c.reason.empty() ? 0 : 1) << r.out;
+    EXPECT_EQ(count(r.out, "live PCM output connected"), c.reason.empty() ? 1 : 0);
+    const std::string got = fifo ? test::read_file(device.tmp.path(c.name + ".got")) : "";
+    EXPECT_EQ(got.empty(), !c.reason.empty());
+  }
+  EXPECT_EQ(test::read_file(device.tmp.path("ours")), "our file");
+  EXPECT_EQ(test::read_file(shared + "/their_file"), "theirs\n");
+  // Not a FIFO or regular file: a character device.
+  const test::RunResult r = test::run(device.args("1", "/dev/null"), device.env());
+  EXPECT_EQ(count(r.out, "nonblocking; direction status will continue without virtual mic PCM writes: not a FIFO or "
+                         "regular file\n"),
+            1)
+      << r.out;
+}
+
+// A regular-file PCM output that reaches the file-size limit is a lost
+// reader, not a killed run.
+TEST(LiveRealArecord, PcmFileAtTheFileSizeLimitDisconnects) {
+  RealDevice device(400000, false);
+  test::write_file(device.tmp.path("out.pcm"), "");
+  std::vector<std::string> argv = {"python3", "-c",
+                                   "import os, resource, sys\nresource.setrlimit(resource.RLIMIT_FSIZE, (1 << 20, 1 << 20))\n"
+                                   "os.execv(sys.argv[1], sys.argv[1:])"};
+  std::vector<std::string> args = device.args("2", device.tmp.path("out.pcm"));
+  args.insert(args.end(), {"--live-chunk-frames", "16000"});
+  args[args.size() - 3] = "";  // --log ''
+  argv.insert(argv.end(), args.begin(), args.end());
+  const test::RunResult r = test::run(argv, device.env());
+  EXPECT_EQ(r.exit_code, 0) << r.out;
+  EXPECT_GE(count(r.out, "warning: live PCM output reader disconnected; direction status will continue\n"), 1) << r.out;
+  EXPECT_EQ(status_value(device.status(), "status"), "\"stopped\"");
+  EXPECT_LE(fs::file_size(device.tmp.path("out.pcm")), 1u << 20);
+}
+
 // Sets or unsets an environment variable for one scope, then restores it.
 struct ScopedEnv {
   std::string name;
@@ -535,6 +694,14 @@ TEST(LiveStatusFile, AReaderNeverSeesAPartialRecord) {
   EXPECT_EQ(counts["missing"], 0);
   std::cout << "atomicity: " << counts["reads"] << " reads of " << counts["distinct"] << " records, "
             << counts["partial"] << " partial, " << counts["missing"] << " missing\n";
+}
+
+// Thirty-three hours of unpaced input pass 2^31 chunks.
+TEST(LiveStatusFile, ChunkCountBeyond32Bits) {
+  test::TempDir tmp;
+  write_live_event_json(tmp.path("s.json"), Options{}, DirectionEstimate{}, ChannelDiagnostics{}, false, 3000000000LL,
+                        false, true, "running", "", "arecord", -1, "");
+  EXPECT_EQ(status_value(tmp.path("s.json"), "chunks_processed"), "3000000000");
 }
 
 TEST(LiveStatusFile, ThePollerCatchesAWriterThatWritesInPlace) {

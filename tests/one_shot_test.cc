@@ -348,5 +348,23 @@ TEST(OneShotRun, FullDiskFailsTheWriteAndKeepsTheEarlierFile) {
   }
 }
 
+// Control bytes and bytes that are not UTF-8 in a device name or a path
+// still give a manifest that a strict parser reads.
+TEST(OneShotRun, HostileTextStaysValidJson) {
+  test::TempDir tmp;
+  const std::string odd = "in\x1b[1m\x01\xff.wav";
+  test::write_bytes(tmp.path(odd), test::pcm_wav(4, 16000, 32, interleave(array_noise(1, 2000, 0.3, 4), 32)).data);
+  const test::RunResult r = test::run({test::tool_path(), "--device", "hw\x02\xc3", "--input-wav", odd, "--log", "",
+                                       "--beamformed", "b.wav", "--event", "e.json"},
+                                      {}, tmp.dir.string());
+  ASSERT_EQ(r.exit_code, 0) << r.out;
+  const test::RunResult parsed = test::run(
+      {"python3", "-c", "import json, sys\nd = json.load(open(sys.argv[1], encoding='utf-8'))\n"
+                        "print(json.dumps([d['device'], d['raw_wav']]))",
+       tmp.path("e.json")});
+  EXPECT_EQ(parsed.exit_code, 0) << parsed.err;
+  EXPECT_EQ(parsed.out, "[\"hw\\u0002\\ufffd\", \"in\\u001b[1m\\u0001\\ufffd.wav\"]\n");
+}
+
 }  // namespace
 }  // namespace sonderlark

@@ -60,7 +60,10 @@ bool start_capture(CaptureChild& child, Logger& logger) {
   // dup2 clears close-on-exec on the copies: the child keeps exactly these.
   posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
-  const char* argv[] = {"sh", "-c", child.capture_command.c_str(), nullptr};
+  // The shell hands its process to the command, so that the child we
+  // signal and wait for is arecord itself, never a shell above it.
+  const std::string script = "exec " + child.capture_command;
+  const char* argv[] = {"sh", "-c", script.c_str(), nullptr};
   pid_t pid = -1;
   const int spawned = posix_spawn(&pid, "/bin/sh", &actions, nullptr, const_cast<char* const*>(argv), environ);
   posix_spawn_file_actions_destroy(&actions);

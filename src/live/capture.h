@@ -10,7 +10,7 @@
 
 namespace sonderlark {
 
-// The streaming arecord child of live mode: the shell runs capture_command
+// The streaming arecord child of live mode: the shell execs capture_command
 // with its standard output on our pipe and its standard error on the file
 // at stderr_path, which the tool opens itself (truncated at every start).
 struct CaptureChild {

@@ -586,9 +586,7 @@ TEST(LiveRealArecord, PcmPathPlantedByAnotherUserIsRefused) {
 TEST(LiveRealArecord, PcmFileAtTheFileSizeLimitDisconnects) {
   RealDevice device(400000, false);
   test::write_file(device.tmp.path("out.pcm"), "");
-  std::vector<std::string> argv = {"python3", "-c",
-                                   "import os, resource, sys\nresource.setrlimit(resource.RLIMIT_FSIZE, (1 << 20, 1 << 20))\n"
-                                   "os.execv(sys.argv[1], sys.argv[1:])"};
+  std::vector<std::string> argv = {"prlimit", "--fsize=1048576"};
   std::vector<std::string> args = device.args("2", device.tmp.path("out.pcm"));
   args.insert(args.end(), {"--live-chunk-frames", "16000"});
   args[args.size() - 3] = "";  // --log ''

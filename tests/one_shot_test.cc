@@ -176,10 +176,7 @@ TEST_P(FailureRoad, Status20AndOnlyWhatWasDone) {
   if (c.plant.starts_with("link ")) fs::create_symlink(tmp.path("target"), tmp.path(c.plant.substr(5)));
   std::vector<std::string> argv;
   if (c.file_size_limit > 0) {
-    argv = {"python3", "-c",
-            "import os, resource, sys\nn = int(sys.argv[1])\nresource.setrlimit(resource.RLIMIT_FSIZE, (n, n))\n"
-            "os.execv(sys.argv[2], sys.argv[2:])",
-            std::to_string(c.file_size_limit)};
+    argv = {"prlimit", "--fsize=" + std::to_string(c.file_size_limit)};
   }
   argv.insert(argv.end(), {test::tool_path(), "--log", "run.log"});
   argv.insert(argv.end(), c.args.begin(), c.args.end());

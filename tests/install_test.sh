@@ -20,9 +20,10 @@ MANWIDTH=80 man -l "$page" > "$prefix/page.txt" 2> "$prefix/man.err"
 [ ! -s "$prefix/man.err" ] || { cat "$prefix/man.err" >&2; exit 1; }
 grep -q "EXIT STATUS" "$prefix/page.txt"
 grep -q "trusted input" "$prefix/page.txt"
+grep -q "SECURITY NOTES" "$prefix/page.txt"
 
 unit="$prefix/lib/systemd/user/sonderlark-live.service"
-grep -q "^ExecStart=$prefix/bin/sonderlark --live .*--event-output %S/sonderscope/sonderlark-live-event.json" "$unit"
+grep -q "^ExecStart=$prefix/bin/sonderlark --live .*--pcm-output %t/sonderlark-beamformed-mic.pcm --event-output %S/sonderscope/sonderlark-live-event.json" "$unit"
 if command -v systemd-analyze >/dev/null 2>&1; then systemd-analyze verify --user "$unit" >/dev/null 2>&1 || true; fi
 
 # Everything installed is listed, and removing the listed files leaves no file.

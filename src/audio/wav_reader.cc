@@ -166,7 +166,23 @@ uint64_t read_up_to(int fd, uint64_t n, uint8_t* out) {
 // A regular file: the chunk walk reads headers only, then the data are
 // decoded block by block. A file cut short meanwhile is a truncated chunk.
 WavData read_regular(int fd, uint64_t total, const std::string& path) {
-  auto fetch = [fd](uint64_t offset, uint64_t n, uint8_t* out) { return pread_whole(fd, offset, n, out); };
+  // Chunk headers are read through a window of the file, so that a file of
+  // many small chunks costs few reads.
+  std::vector<uint8_t> window(64 * 1024);
+  uint64_t window_start = 0;
+  uint64_t window_size = 0;
+  auto fetch = [&](uint64_t offset, uint64_t n, uint8_t* out) {
+    if (offset < window_start || offset + n > window_start + window_size) {
+      window_start = offset;
+      window_size = std::min<uint64_t>(window.size(), total - offset);
+      if (n > window_size || !pread_whole(fd, offset, window_size, window.data())) {
+        window_size = 0;
+        return false;
+      }
+    }
+    std::memcpy(out, window.data() + (offset - window_start), n);
+    return true;
+  };
   const Layout layout = walk_chunks(total, path, fetch);
   const uint64_t size = frame_bytes(layout.format);
   const uint64_t frames = layout.data_size / size;  // a partial last frame is ignored

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <stdexcept>
@@ -42,7 +43,12 @@ std::string outcome(const std::function<WavData()>& read) {
                        std::to_string(wav.bits_per_sample);
     for (const auto& channel : wav.samples) {
       text += " |";
-      for (double v : channel) text += " " + std::to_string(v);
+      for (double v : channel) {  // every bit of every sample
+        uint64_t bits;
+        std::memcpy(&bits, &v, sizeof bits);
+        text += ' ';
+        text += std::to_string(bits);
+      }
     }
     return text;
   } catch (const std::runtime_error& e) {

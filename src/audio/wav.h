@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "util/exact_math.h"
+
 namespace sonderlark {
 
 // Decoded multi-channel audio. samples[c][f] is channel c at frame f, full

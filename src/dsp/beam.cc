@@ -1,6 +1,7 @@
 #include "dsp/beam.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 #include <cstring>
 
@@ -82,6 +83,7 @@ void mean_of_four(const double* c0, const double* c1, const double* c2, const do
 // out[i] is written after the last read of channel 0 at i (its lag is 0).
 void average_aligned(const std::vector<std::vector<double>>& ch, std::size_t channels,
                      const std::vector<int32_t>& lags, double* out) {
+  assert(out != ch[0].data() || lags[0] == 0);  // in place only when channel 0 is not shifted
   const int64_t n = static_cast<int64_t>(ch[0].size());
   int64_t lowest = 0;
   int64_t highest = 0;

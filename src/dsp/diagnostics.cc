@@ -1,6 +1,7 @@
 #include "dsp/diagnostics.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 
 #include "util/text.h"
@@ -64,6 +65,7 @@ void measure_together(const double* const* x, std::size_t n, int32_t sample_rate
 // Measures channels [first, first + count), count 1 to 4, all of length n > 0.
 void measure_group(const std::vector<std::vector<double>>& samples, std::size_t first, std::size_t count,
                    int32_t sample_rate, Levels* out) {
+  assert(count >= 1 && count <= 4);
   const double* x[4];
   for (std::size_t k = 0; k < count; ++k) x[k] = samples[first + k].data();
   const std::size_t n = samples[first].size();

@@ -1,6 +1,7 @@
 #include "dsp/lag_kernels.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 #include <cstring>
 
@@ -370,6 +371,7 @@ LagKernel default_lag_kernel() {
 
 void lag_scores(LagKernel kernel, std::span<const double> a, std::span<const double> b, int32_t max_lag,
                 double* scores) {
+  assert(max_lag >= 0);
   const int64_t n = static_cast<int64_t>(std::min(a.size(), b.size()));
   const int64_t lags = 2 * static_cast<int64_t>(max_lag) + 1;
   Kernel run = group_kernel(kernel);

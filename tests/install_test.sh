@@ -12,10 +12,13 @@ bin="$prefix/bin/sonderlark"
 "$bin" --help > "$prefix/help.txt"
 head -n 1 "$prefix/help.txt" | grep -qx "Usage: $bin \[options\]"
 "$prefix/bin/sonderlark-sim" --help >/dev/null
+"$prefix/bin/sonderlark-monitor" --help | head -n 1 | grep -q "^Usage: $prefix/bin/sonderlark-monitor \[STATUS_PATH\]"
 
 page="$prefix/share/man/man1/sonderlark.1"
-warnings=$(groff -man -ww -z "$page" 2>&1)
-[ -z "$warnings" ] || { echo "groff warnings: $warnings" >&2; exit 1; }
+for p in "$page" "$prefix/share/man/man1/sonderlark-monitor.1"; do
+  warnings=$(groff -man -ww -z "$p" 2>&1)
+  [ -z "$warnings" ] || { echo "groff warnings in $p: $warnings" >&2; exit 1; }
+done
 MANWIDTH=80 man -l "$page" > "$prefix/page.txt" 2> "$prefix/man.err"
 [ ! -s "$prefix/man.err" ] || { cat "$prefix/man.err" >&2; exit 1; }
 grep -q "EXIT STATUS" "$prefix/page.txt"

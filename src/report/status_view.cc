@@ -1,0 +1,214 @@
+#include "report/status_view.h"
+
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+
+#include "util/text.h"
+
+namespace sonderlark {
+namespace {
+
+constexpr std::size_t kStatusMembers = 20;
+constexpr double kPi = 3.141592653589793;
+constexpr int kDialRadius = 9;       // rows; the dial is twice as wide as high
+constexpr double kMeterFloorDb = -60.0;
+constexpr int kMeterWidth = 40;
+constexpr int kBarWidth = 30;
+
+bool parse_timestamp(const std::string& text, std::time_t& out) {
+  std::tm tm{};
+  if (text.size() != 20 || std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2dZ", &tm.tm_year, &tm.tm_mon, &tm.tm_mday,
+                                       &tm.tm_hour, &tm.tm_min, &tm.tm_sec) != 6) {
+    return false;
+  }
+  tm.tm_year -= 1900;
+  tm.tm_mon -= 1;
+  out = timegm(&tm);
+  return true;
+}
+
+// Control bytes of text shown on a terminal become '?': a status file must
+// not be able to move the cursor or change colours.
+std::string printable(const std::string& text) {
+  std::string out = text;
+  for (char& c : out) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+  }
+  return out;
+}
+
+std::string fit(const std::string& text, std::size_t width = 78) {
+  return text.size() <= width ? text : text.substr(0, width - 3) + "...";
+}
+
+std::string bar(double fraction, int width, char full, char empty) {
+  const int n = std::clamp(static_cast<int>(std::lround(fraction * width)), 0, width);
+  return std::string(static_cast<std::size_t>(n), full) + std::string(static_cast<std::size_t>(width - n), empty);
+}
+
+// The half-dial: -90 at the left, 0 at the top, +90 at the right; the 17
+// angles the array resolves (asin(k / 8)) marked on the rim with 'o', the
+// needle of '*' ending in '@' at `angle`.
+std::vector<std::string> dial(double angle, bool show_needle) {
+  const int height = kDialRadius + 1;
+  const int width = 4 * kDialRadius + 1;
+  std::vector<std::string> grid(static_cast<std::size_t>(height), std::string(static_cast<std::size_t>(width), ' '));
+  const int cx = 2 * kDialRadius;
+  const int cy = kDialRadius;
+  auto plot = [&](double r, double degrees, char c) {
+    const double t = degrees * kPi / 180.0;
+    const int x = cx + static_cast<int>(std::lround(2.0 * r * std::sin(t)));
+    const int y = cy - static_cast<int>(std::lround(r * std::cos(t)));
+    if (y >= 0 && y < height && x >= 0 && x < width) grid[static_cast<std::size_t>(y)][static_cast<std::size_t>(x)] = c;
+  };
+  for (int d = -90; d <= 90; ++d) plot(kDialRadius, d, '.');
+  for (int k = -8; k <= 8; ++k) plot(kDialRadius, std::asin(k / 8.0) * 180.0 / kPi, 'o');
+  if (show_needle) {
+    for (double r = 1.0; r < kDialRadius - 1; r += 0.5) plot(r, angle, '*');
+    plot(kDialRadius - 1, angle, '@');
+  }
+  grid[static_cast<std::size_t>(cy)][static_cast<std::size_t>(cx)] = '+';
+  for (auto& row : grid) row = "        " + row;
+  // Labels under the rim's ends and the centre (each row starts with 8 spaces).
+  const std::string gap(static_cast<std::size_t>(cx - 2), ' ');
+  grid.push_back(std::string(7, ' ') + "-90" + gap + "0" + gap + "+90");
+  return grid;
+}
+
+}  // namespace
+
+double wall_clock_seconds() {
+  timespec t{};
+  clock_gettime(CLOCK_REALTIME, &t);
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
+}
+
+RecordState read_status_record(const std::string& path, double now, StatusRecord& record) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in.is_open()) return RecordState::kMissing;
+  const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const nlohmann::json j = nlohmann::json::parse(text, nullptr, false);
+  if (j.is_discarded() || !j.is_object() || j.size() != kStatusMembers) return RecordState::kTorn;
+  try {
+    StatusRecord r;
+    r.timestamp = j.at("timestamp").get<std::string>();
+    if (!parse_timestamp(r.timestamp, r.time)) return RecordState::kTorn;
+    r.status = j.at("status").get<std::string>();
+    r.error = j.at("error").get<std::string>();
+    r.device = j.at("device").get<std::string>();
+    r.arecord_command = j.at("arecord_command").get<std::string>();
+    r.arecord_exit_code = j.at("arecord_exit_code").get<int64_t>();
+    r.arecord_stderr = j.at("arecord_stderr").get<std::string>();
+    r.input_gain_db = j.at("input_gain_db").get<double>();
+    r.chunks_processed = j.at("chunks_processed").get<int64_t>();
+    r.pcm_output = j.at("pcm_output").get<std::string>();
+    r.pcm_output_connected = j.at("pcm_output_connected").get<bool>();
+    r.direction_angle_degrees = j.at("direction_angle_degrees").get<double>();
+    r.direction_confidence = j.at("direction_confidence").get<double>();
+    r.direction_low_confidence = j.at("direction_low_confidence").get<bool>();
+    r.detected_speech = j.at("detected_speech").get<bool>();
+    r.processed_channel_rms = j.at("processed_channel_rms").get<std::vector<double>>();
+    record = std::move(r);
+  } catch (const nlohmann::json::exception&) {
+    return RecordState::kTorn;
+  }
+  if (record.status == "running" && now - static_cast<double>(record.time) > kStaleAfterSeconds) {
+    return RecordState::kStale;
+  }
+  return RecordState::kFresh;
+}
+
+double level_dbfs(double rms) { return rms > 0.0 ? std::max(20.0 * std::log10(rms), -120.0) : -120.0; }
+
+std::vector<FrameLine> monitor_frame(const std::string& path, RecordState state, const StatusRecord& record,
+                                     MonitorMemory& memory, double seconds) {
+  std::vector<FrameLine> lines;
+  lines.push_back({fit("sonderlark-monitor  " + printable(path)), LineStyle::kTitle});
+  if (state == RecordState::kMissing) {
+    lines.push_back({fit("!! no status file here: is a live run going?"), LineStyle::kBanner});
+    memory = MonitorMemory{};
+    return lines;
+  }
+  if (state == RecordState::kTorn) {
+    lines.push_back({"!! not a complete JSON status record", LineStyle::kBanner});
+    return lines;
+  }
+  if (state == RecordState::kStale) {
+    lines.push_back({"!! STALE: the last record is from " + record.timestamp + ", yet says running:", LineStyle::kBanner});
+    lines.push_back({"!! the live run has died or stalled", LineStyle::kBanner});
+  }
+
+  // Chunk rate across the records of the last 3 s (at least 1 s of them).
+  constexpr double kRateWindow = 3.0;
+  if (!memory.history.empty() && record.chunks_processed < memory.history.back().second) memory.history.clear();
+  memory.history.emplace_back(seconds, record.chunks_processed);
+  while (memory.history.size() > 2 && seconds - memory.history[1].first >= kRateWindow) memory.history.pop_front();
+  const double span = seconds - memory.history.front().first;
+  std::string rate = "-";
+  if (span >= 1.0) {
+    rate = fixed(static_cast<double>(record.chunks_processed - memory.history.front().second) / span, 1) + "/s";
+  }
+  lines.push_back({fit("status: " + printable(record.status) + "   chunks: " + std::to_string(record.chunks_processed) +
+                       "   rate: " + rate + "   at " + record.timestamp),
+                   record.status == "running" ? LineStyle::kGood : LineStyle::kAlert});
+  if (record.status == "restarting" || record.status == "degraded") {
+    lines.push_back({fit("  " + printable(record.error) + " (exit code " + std::to_string(record.arecord_exit_code) +
+                         ")"),
+                     LineStyle::kAlert});
+    std::size_t start = 0;
+    for (int shown = 0; start < record.arecord_stderr.size() && shown < 3; ++shown) {
+      const std::size_t end = std::min(record.arecord_stderr.find('\n', start), record.arecord_stderr.size());
+      lines.push_back({fit("  stderr: " + printable(record.arecord_stderr.substr(start, end - start))),
+                       LineStyle::kAlert});
+      start = end + 1;
+    }
+  }
+  lines.push_back({""});
+
+  const bool have_direction = !record.processed_channel_rms.empty();
+  for (const std::string& row : dial(record.direction_angle_degrees, have_direction)) {
+    lines.push_back({row, LineStyle::kNeedle});
+  }
+  lines.push_back({"direction: " + fixed(record.direction_angle_degrees, 2) + " degrees"});
+  lines.push_back({"confidence [" + bar(record.direction_confidence, kBarWidth, '#', '-') + "] " +
+                       fixed(record.direction_confidence, 3) + (record.direction_low_confidence ? " (low)" : ""),
+                   record.direction_low_confidence ? LineStyle::kDim : LineStyle::kGood});
+  lines.push_back({""});
+
+  // Meters from -60 to 0 dBFS with a mark at the level held over 2 s.
+  const std::size_t channels = record.processed_channel_rms.size();
+  const double since_last_frame = memory.last_frame_time < 0.0 ? 0.0 : seconds - memory.last_frame_time;
+  memory.last_frame_time = seconds;
+  memory.peak_hold_db.resize(channels, -120.0);
+  memory.peak_hold_age.resize(channels, 0.0);
+  lines.push_back({"processed levels, dBFS (-60 .. 0, | = highest of the last 2 s)"});
+  for (std::size_t c = 0; c < channels; ++c) {
+    const double db = level_dbfs(record.processed_channel_rms[c]);
+    memory.peak_hold_age[c] += since_last_frame;
+    if (db >= memory.peak_hold_db[c] || memory.peak_hold_age[c] > kPeakHoldSeconds) {
+      memory.peak_hold_db[c] = db;
+      memory.peak_hold_age[c] = 0.0;
+    }
+    auto column = [](double level) {
+      return std::clamp(static_cast<int>(std::lround((level - kMeterFloorDb) / -kMeterFloorDb * kMeterWidth)), 0,
+                        kMeterWidth);
+    };
+    std::string meter = bar((std::max(db, kMeterFloorDb) - kMeterFloorDb) / -kMeterFloorDb, kMeterWidth, '=', ' ');
+    const int hold = column(memory.peak_hold_db[c]);
+    if (hold > 0) meter[static_cast<std::size_t>(hold - 1)] = '|';
+    std::string value = db <= -120.0 ? "  -inf" : fixed(db, 1);
+    value.insert(0, value.size() < 6 ? 6 - value.size() : 0, ' ');
+    lines.push_back({"ch" + std::to_string(c) + " " + value + " [" + meter + "]", LineStyle::kGood});
+  }
+  lines.push_back({""});
+  lines.push_back({fit(std::string("speech seen: ") + (record.detected_speech ? "yes" : "no") +
+                       "   PCM output: " + (record.pcm_output_connected ? "connected" : "not connected") + " (" +
+                       printable(record.pcm_output) + ")")});
+  lines.push_back({fit("capture: " + printable(record.arecord_command))});
+  return lines;
+}
+
+}  // namespace sonderlark

@@ -199,5 +199,29 @@ TEST(MonitorInTmux, FollowsALiveRunAndFlagsItsDeath) {
   test::wait_child(tool);
 }
 
+// q and Ctrl-C both end the view and leave the terminal's modes as they were.
+TEST(MonitorInTmux, EveryWayOutRestoresTheTerminal) {
+  test::TempDir tmp;
+  for (const std::string key : {"q", "C-c"}) {
+    SCOPED_TRACE(key);
+    Tmux tmux(tmp.path("tmux-" + key + ".sock"));
+    const std::string script = "trap '' INT; stty -g > before; \"$0\" --interval 50 missing.json; echo $? > rc; "
+                               "stty -g > after; sleep 60";
+    ASSERT_EQ(test::run({"tmux", "-S", tmux.socket, "new-session", "-d", "-x", "80", "-y", "30", "-c", tmp.dir.string(),
+                         "sh", "-c", script, monitor_path()})
+                  .exit_code,
+              0);
+    ASSERT_GE(wait_for([&] { return tmux.screen().find("no status file here") != std::string::npos; }, 10.0), 0.0)
+        << tmux.screen();
+    test::run({"tmux", "-S", tmux.socket, "send-keys", "-t", "0", key});
+    ASSERT_GE(wait_for([&] { return fs::exists(tmp.path("after")) && fs::file_size(tmp.path("after")) > 0; }, 10.0),
+              0.0);
+    EXPECT_EQ(test::read_file(tmp.path("rc")), "0\n");
+    EXPECT_EQ(test::read_file(tmp.path("after")), test::read_file(tmp.path("before")));
+    EXPECT_NE(test::read_file(tmp.path("before")), "");
+    fs::remove(tmp.path("after"));
+  }
+}
+
 }  // namespace
 }  // namespace sonderlark

@@ -109,6 +109,13 @@ ChannelDiagnostics diagnose_channels(const WavData& data, const std::string& lab
   return result;
 }
 
+bool detected_speech(const std::vector<double>& processed_rms) {
+  for (double rms : processed_rms) {
+    if (rms > kSpeechRmsThreshold) return true;
+  }
+  return false;
+}
+
 void log_diagnostics(Logger& logger, const std::string& title, const ChannelDiagnostics& diagnostics) {
   logger.line(title + " diagnostics:");
   for (std::size_t i = 0; i < diagnostics.rms.size(); ++i) {

@@ -27,6 +27,12 @@ constexpr double kClippingPeakThreshold = 0.999;   // peak at or above: clipping
 // shorter than one block has its rms as noise floor.
 ChannelDiagnostics diagnose_channels(const WavData& data, const std::string& label);
 
+// Processed levels strictly above this on any channel count as speech.
+constexpr double kSpeechRmsThreshold = 0.003;
+
+// True when any entry of `processed_rms` is strictly above the speech threshold.
+bool detected_speech(const std::vector<double>& processed_rms);
+
 // Logs "<title> diagnostics:" and one line per channel with 8 decimals.
 void log_diagnostics(Logger& logger, const std::string& title, const ChannelDiagnostics& diagnostics);
 

@@ -12,7 +12,6 @@
 #include "dsp/beam.h"
 #include "dsp/gain.h"
 #include "report/live_status.h"
-#include "report/manifest.h"
 #include "util/text.h"
 #include "util/vector_clones.h"
 

@@ -100,4 +100,48 @@ std::string int_vector_json(const std::vector<int32_t>& values) {
   return text + "]";
 }
 
+void json_begin(JsonWriter& writer) {
+  writer.text += '{';
+  writer.empty.push_back(true);
+}
+
+namespace {
+
+// The separator before a member and its indented key.
+void start_member(JsonWriter& writer, const std::string& key) {
+  writer.text += writer.empty.back() ? "\n" : ",\n";
+  writer.empty.back() = false;
+  writer.text.append(2 * writer.empty.size(), ' ');
+  writer.text += json_string(key);
+  writer.text += ": ";
+}
+
+}  // namespace
+
+void json_member(JsonWriter& writer, const std::string& key, const std::string& value) {
+  start_member(writer, key);
+  writer.text += value;
+}
+
+void json_string_member(JsonWriter& writer, const std::string& key, const std::string& text) {
+  json_member(writer, key, json_string(text));
+}
+
+void json_bool_member(JsonWriter& writer, const std::string& key, bool value) {
+  json_member(writer, key, value ? "true" : "false");
+}
+
+void json_begin_object_member(JsonWriter& writer, const std::string& key) {
+  start_member(writer, key);
+  json_begin(writer);
+}
+
+void json_end(JsonWriter& writer) {
+  writer.empty.pop_back();
+  writer.text += '\n';
+  writer.text.append(2 * writer.empty.size(), ' ');
+  writer.text += '}';
+  if (writer.empty.empty()) writer.text += '\n';
+}
+
 }  // namespace sonderlark

@@ -52,36 +52,35 @@ void write_live_event_json(const std::string& path, const Options& options,
   }
 
   const std::string temp_path = path + ".tmp";
-  auto flag = [](bool value) { return value ? "true" : "false"; };
-  std::string record;
-  record.reserve(1024 + arecord_stderr.size() + arecord_command.size());
-  record += "{\n";
-  record += "  \"timestamp\": \"" + now_iso8601_utc() + "\",\n";
-  record += "  \"live_processing\": " + std::string(flag(live_processing)) + ",\n";
-  record += "  \"source\": \"sonder_lark --live\",\n";
-  record += "  \"status\": " + json_string(status) + ",\n";
-  record += "  \"error\": " + json_string(error) + ",\n";
-  record += "  \"device\": " + json_string(options.device) + ",\n";
-  record += "  \"arecord_command\": " + json_string(arecord_command) + ",\n";
-  record += "  \"arecord_exit_code\": " + std::to_string(arecord_exit_code) + ",\n";
-  record += "  \"arecord_stderr\": " + json_string(arecord_stderr) + ",\n";
-  record += "  \"input_gain_db\": " + fixed(options.input_gain_db, 2) + ",\n";
-  record += "  \"chunks_processed\": " + std::to_string(chunks_processed) + ",\n";
-  record += "  \"pcm_output\": " + json_string(options.pcm_output_path) + ",\n";
-  record += "  \"pcm_output_connected\": " + std::string(flag(pcm_output_connected)) + ",\n";
-  record += "  \"direction_angle_degrees\": " + fixed(direction.angle_degrees, 2) + ",\n";
-  record += "  \"direction_confidence\": " + fixed(direction.confidence, 3) + ",\n";
-  record += "  \"direction_low_confidence\": " + std::string(flag(direction.low_confidence)) + ",\n";
-  record += "  \"direction_method\": " + json_string(direction.method) + ",\n";
-  record += "  \"direction_samples_source\": " + json_string(direction.samples_source) + ",\n";
-  record += "  \"detected_speech\": " + std::string(flag(detected_speech)) + ",\n";
-  record += "  \"processed_channel_rms\": " + vector_json(diagnostics.rms) + "\n";
-  record += "}\n";
+  JsonWriter record;
+  record.text.reserve(1024 + arecord_stderr.size() + arecord_command.size());
+  json_begin(record);
+  json_string_member(record, "timestamp", now_iso8601_utc());
+  json_bool_member(record, "live_processing", live_processing);
+  json_string_member(record, "source", "sonder_lark --live");
+  json_string_member(record, "status", status);
+  json_string_member(record, "error", error);
+  json_string_member(record, "device", options.device);
+  json_string_member(record, "arecord_command", arecord_command);
+  json_member(record, "arecord_exit_code", std::to_string(arecord_exit_code));
+  json_string_member(record, "arecord_stderr", arecord_stderr);
+  json_member(record, "input_gain_db", fixed(options.input_gain_db, 2));
+  json_member(record, "chunks_processed", std::to_string(chunks_processed));
+  json_string_member(record, "pcm_output", options.pcm_output_path);
+  json_bool_member(record, "pcm_output_connected", pcm_output_connected);
+  json_member(record, "direction_angle_degrees", fixed(direction.angle_degrees, 2));
+  json_member(record, "direction_confidence", fixed(direction.confidence, 3));
+  json_bool_member(record, "direction_low_confidence", direction.low_confidence);
+  json_string_member(record, "direction_method", direction.method);
+  json_string_member(record, "direction_samples_source", direction.samples_source);
+  json_bool_member(record, "detected_speech", detected_speech);
+  json_member(record, "processed_channel_rms", vector_json(diagnostics.rms));
+  json_end(record);
 
   // Never through a link or into a FIFO planted at the temporary path.
   const int fd = open_regular_for_writing(temp_path);
   if (fd < 0) return;
-  const bool written = write_all(fd, record);
+  const bool written = write_all(fd, record.text);
   // A record that did not reach the file whole must not replace the last good one.
   if (close(fd) != 0 || !written) return;
   replace_file(temp_path, path);

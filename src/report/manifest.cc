@@ -1,6 +1,5 @@
 #include "report/manifest.h"
 
-#include <sstream>
 #include <stdexcept>
 
 #include "report/json.h"
@@ -8,13 +7,6 @@
 #include "util/text.h"
 
 namespace sonderlark {
-
-bool detected_speech(const std::vector<double>& processed_rms) {
-  for (double rms : processed_rms) {
-    if (rms > kSpeechRmsThreshold) return true;
-  }
-  return false;
-}
 
 void write_event_json(const std::string& path, const Options& options, const WavData& input,
                       double duration, const ChannelDiagnostics& raw,
@@ -24,7 +16,6 @@ void write_event_json(const std::string& path, const Options& options, const Wav
   FileReplacement file = begin_replacement(path);
   if (file.fd < 0) throw std::runtime_error("failed to write event JSON: " + path);
 
-  auto flag = [](bool value) { return value ? "true" : "false"; };
   std::string warning_array = "[";
   for (std::size_t i = 0; i < warnings.size(); ++i) {
     if (i > 0) warning_array += ", ";
@@ -33,42 +24,42 @@ void write_event_json(const std::string& path, const Options& options, const Wav
   warning_array += "]";
   const std::string angle = fixed(direction.angle_degrees, 2);
 
-  std::ostringstream out;
-  out << "{\n"
-      << "  \"timestamp\": \"" << now_iso8601_utc() << "\",\n"
-      << "  \"device\": " << json_string(options.device) << ",\n"
-      << "  \"sample_rate\": " << input.sample_rate << ",\n"
-      << "  \"channels\": " << input.channels << ",\n"
-      << "  \"duration_seconds\": " << fixed(duration, 3) << ",\n"
-      << "  \"raw_wav\": " << json_string(options.output_path) << ",\n"
-      << "  \"beamformed_wav\": " << json_string(options.beamformed_path) << ",\n"
-      << "  \"input_gain_db\": " << fixed(options.input_gain_db, 2) << ",\n"
-      << "  \"channel_rms\": " << vector_json(raw.rms) << ",\n"
-      << "  \"channel_peak\": " << vector_json(raw.peak) << ",\n"
-      << "  \"channel_noise_floor\": " << vector_json(raw.noise_floor) << ",\n"
-      << "  \"processed_channel_rms\": " << vector_json(processed.rms) << ",\n"
-      << "  \"processed_channel_peak\": " << vector_json(processed.peak) << ",\n"
-      << "  \"processed_channel_noise_floor\": " << vector_json(processed.noise_floor) << ",\n"
-      << "  \"direction_angle\": " << angle << ",\n"
-      << "  \"direction_angle_degrees\": " << angle << ",\n"
-      << "  \"direction_confidence\": " << fixed(direction.confidence, 3) << ",\n"
-      << "  \"direction_method\": " << json_string(direction.method) << ",\n"
-      << "  \"direction_samples_source\": " << json_string(direction.samples_source) << ",\n"
-      << "  \"direction_low_confidence\": " << flag(direction.low_confidence) << ",\n"
-      << "  \"detected_speech\": " << flag(detected_speech(processed.rms)) << ",\n"
-      << "  \"diagnostics\": {\n"
-      << "    \"format\": \"PCM S" << input.bits_per_sample << "_LE\",\n"
-      << "    \"beamformed_rms\": " << vector_json(beamformed.rms) << ",\n"
-      << "    \"beamformed_peak\": " << vector_json(beamformed.peak) << ",\n"
-      << "    \"direction_peak_correlation\": " << fixed(direction.peak_correlation, 5) << ",\n"
-      << "    \"direction_second_correlation\": " << fixed(direction.second_correlation, 5) << ",\n"
-      << "    \"direction_lag_consistency\": " << fixed(direction.lag_consistency, 5) << ",\n"
-      << "    \"beamforming_lags\": " << int_vector_json(beam.lags) << ",\n"
-      << "    \"beamforming_method\": " << json_string(beam.method) << "\n"
-      << "  },\n"
-      << "  \"warnings\": " << warning_array << "\n"
-      << "}\n";
-  replacement_write(file, out.str());
+  JsonWriter out;
+  json_begin(out);
+  json_string_member(out, "timestamp", now_iso8601_utc());
+  json_string_member(out, "device", options.device);
+  json_member(out, "sample_rate", std::to_string(input.sample_rate));
+  json_member(out, "channels", std::to_string(input.channels));
+  json_member(out, "duration_seconds", fixed(duration, 3));
+  json_string_member(out, "raw_wav", options.output_path);
+  json_string_member(out, "beamformed_wav", options.beamformed_path);
+  json_member(out, "input_gain_db", fixed(options.input_gain_db, 2));
+  json_member(out, "channel_rms", vector_json(raw.rms));
+  json_member(out, "channel_peak", vector_json(raw.peak));
+  json_member(out, "channel_noise_floor", vector_json(raw.noise_floor));
+  json_member(out, "processed_channel_rms", vector_json(processed.rms));
+  json_member(out, "processed_channel_peak", vector_json(processed.peak));
+  json_member(out, "processed_channel_noise_floor", vector_json(processed.noise_floor));
+  json_member(out, "direction_angle", angle);
+  json_member(out, "direction_angle_degrees", angle);
+  json_member(out, "direction_confidence", fixed(direction.confidence, 3));
+  json_string_member(out, "direction_method", direction.method);
+  json_string_member(out, "direction_samples_source", direction.samples_source);
+  json_bool_member(out, "direction_low_confidence", direction.low_confidence);
+  json_bool_member(out, "detected_speech", detected_speech(processed.rms));
+  json_begin_object_member(out, "diagnostics");
+  json_string_member(out, "format", "PCM S" + std::to_string(input.bits_per_sample) + "_LE");
+  json_member(out, "beamformed_rms", vector_json(beamformed.rms));
+  json_member(out, "beamformed_peak", vector_json(beamformed.peak));
+  json_member(out, "direction_peak_correlation", fixed(direction.peak_correlation, 5));
+  json_member(out, "direction_second_correlation", fixed(direction.second_correlation, 5));
+  json_member(out, "direction_lag_consistency", fixed(direction.lag_consistency, 5));
+  json_member(out, "beamforming_lags", int_vector_json(beam.lags));
+  json_string_member(out, "beamforming_method", beam.method);
+  json_end(out);
+  json_member(out, "warnings", warning_array);
+  json_end(out);
+  replacement_write(file, out.text);
   if (!finish_replacement(file)) throw std::runtime_error("failed to write event JSON: " + path);
 }
 

@@ -11,12 +11,6 @@
 
 namespace sonderlark {
 
-// Processed levels strictly above this on any channel count as speech.
-constexpr double kSpeechRmsThreshold = 0.003;
-
-// True when any entry of `processed_rms` is strictly above the speech threshold.
-bool detected_speech(const std::vector<double>& processed_rms);
-
 // Writes the one-shot event manifest (34 lines, fixed key order) to `path`,
 // whole or not at all (through PATH.tmp, as write_mono_wav). Throws
 // "failed to write event JSON: PATH" when it cannot be written.

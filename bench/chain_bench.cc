@@ -10,6 +10,7 @@
 
 #include "audio/wav.h"
 #include "dsp/beam.h"
+#include "dsp/chain.h"
 #include "dsp/diagnostics.h"
 #include "dsp/direction.h"
 #include "dsp/gain.h"
@@ -41,13 +42,9 @@ void BM_LiveChunkChain(benchmark::State& state) {
   const std::size_t frames = static_cast<std::size_t>(state.range(0));
   const std::vector<int32_t> chunk = interleaved_chunk(frames, state.range(1) != 0);
   for (auto _ : state) {
-    std::vector<std::string> warnings;
-    WavData processed = apply_input_gain(chunk_from_frames(chunk.data(), frames), 6.0, warnings);
-    const ChannelDiagnostics levels = diagnose_channels(processed, "live processed channel");
-    const DirectionEstimate direction = estimate_direction(processed, "processed-live");
-    const BeamformResult beam = beamform_with_own_estimate(std::move(processed), direction);
-    benchmark::DoNotOptimize(levels);
-    benchmark::DoNotOptimize(beam);
+    ChainResult chain = run_chain(chunk_from_frames(chunk.data(), frames), 6.0, "live processed channel",
+                                  "processed-live");
+    benchmark::DoNotOptimize(chain);
   }
   state.SetLabel(state.range(1) != 0 ? "fallback beam" : "guided beam");
 }

@@ -10,6 +10,7 @@
 
 #include "audio/wav.h"
 #include "dsp/beam.h"
+#include "dsp/chain.h"
 #include "dsp/diagnostics.h"
 #include "dsp/direction.h"
 #include "dsp/gain.h"
@@ -34,18 +35,20 @@ extern "C" int FUZZ_ENTRY(const uint8_t* data, size_t size) {
   // The last byte picks a gain from -60 to +36 dB, so clipping paths run too.
   const double gain_db = size > 0 ? -60.0 + (data[size - 1] % 97) : 0.0;
 
-  // The stages as the one-shot run calls them, in place where it does.
+  // The chain as the one-shot run calls it, against the stages called one by
+  // one on copies (channel 3 then searched again by the fallback beam).
   const ChannelDiagnostics raw = diagnose_channels(input, "raw channel");
   const std::size_t m = static_cast<std::size_t>(input.channels);
   const std::size_t frames = input.samples[0].size();
+  const int32_t sample_rate = input.sample_rate;
   std::vector<std::string> warnings;
-  WavData processed = apply_input_gain(std::move(input), gain_db, warnings);
-  const ChannelDiagnostics levels = diagnose_channels(processed, "processed channel");
-  const DirectionEstimate direction = estimate_direction(processed, "processed");
-  const int32_t sample_rate = processed.sample_rate;
-  const BeamformResult reference = beamform_delay_and_sum(processed, direction);
-  const BeamformResult beam = beamform_with_own_estimate(std::move(processed), direction);
-  // Taking channel 3's alignment from the estimate must not change the beam.
+  const WavData copy = apply_input_gain(input, gain_db, warnings);
+  const BeamformResult reference = beamform_delay_and_sum(copy, estimate_direction(copy, "processed"));
+  const ChainResult chain = run_chain(std::move(input), gain_db, "processed channel", "processed");
+  const ChannelDiagnostics& levels = chain.processed;
+  const DirectionEstimate& direction = chain.direction;
+  const BeamformResult& beam = chain.beam;
+  if (chain.gain_warnings != warnings) std::abort();
   if (beam.lags != reference.lags || beam.method != reference.method ||
       beam.samples.size() != reference.samples.size() ||
       (!beam.samples.empty() &&

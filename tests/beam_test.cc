@@ -129,9 +129,11 @@ TEST(Beamform, OwnEstimateGivesTheSameBeam) {
   for (std::size_t k = 0; k < inputs.size(); ++k) {
     SCOPED_TRACE(k);
     const WavData data = record(inputs[k]);
-    const DirectionEstimate direction = estimate_direction(data, "processed");
+    std::optional<int32_t> end_to_end;
+    const DirectionEstimate direction = estimate_direction(data, "processed", end_to_end);
     const BeamformResult expected = beamform_delay_and_sum(data, direction);
-    const BeamformResult got = beamform_with_own_estimate(WavData(data), direction);
+    const BeamformResult got = beamform_delay_and_sum(WavData(data), direction, end_to_end);
+    EXPECT_EQ(end_to_end.has_value(), k < 6);  // four or more channels, channel 0 not empty
     EXPECT_EQ(got.lags, expected.lags);
     EXPECT_EQ(got.method, expected.method);
     EXPECT_EQ(got.samples, expected.samples);
@@ -140,8 +142,11 @@ TEST(Beamform, OwnEstimateGivesTheSameBeam) {
     }
   }
   // The weak case above really did align channel 3 by its own search.
+  std::optional<int32_t> end_to_end;
   const WavData weak = record(inputs[1]);
-  EXPECT_EQ(beamform_with_own_estimate(WavData(weak), estimate_direction(weak, "processed")).lags[3], -6);
+  const DirectionEstimate weak_estimate = estimate_direction(weak, "processed", end_to_end);
+  EXPECT_EQ(end_to_end, -6);
+  EXPECT_EQ(beamform_delay_and_sum(WavData(weak), weak_estimate, end_to_end).lags[3], -6);
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
 #include "support.h"
 
-#include "dsp/beam.h"
-#include "dsp/direction.h"
-#include "dsp/gain.h"
+#include "dsp/chain.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -172,9 +170,7 @@ std::vector<int16_t> library_beam(const std::vector<uint8_t>& frames, std::size_
         channels[c][f] = s / 2147483648.0;
       }
     }
-    std::vector<std::string> warnings;
-    const WavData processed = apply_input_gain(record(channels), 0.0, warnings);
-    for (double x : beamform_delay_and_sum(processed, estimate_direction(processed, "processed-live")).samples) {
+    for (double x : run_chain(record(channels), 0.0, "live processed channel", "processed-live").beam.samples) {
       out.push_back(pcm16_from_sample(x));
     }
   }

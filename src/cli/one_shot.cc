@@ -4,10 +4,8 @@
 #include <vector>
 
 #include "audio/wav.h"
-#include "dsp/beam.h"
+#include "dsp/chain.h"
 #include "dsp/diagnostics.h"
-#include "dsp/direction.h"
-#include "dsp/gain.h"
 #include "report/json.h"
 #include "report/manifest.h"
 #include "util/text.h"
@@ -48,25 +46,20 @@ int run_one_shot_analysis(const Options& options, Logger& logger) {
   append(warnings, raw.warnings);
 
   // The raw samples are measured; from here on only the processed copy is
-  // read, so the gain takes the record over instead of copying it.
+  // read, so the chain takes the record over instead of copying it.
   WavData format;  // the header fields, for the beam and the manifest
   format.sample_rate = input.sample_rate;
   format.channels = input.channels;
   format.bits_per_sample = input.bits_per_sample;
-  std::vector<std::string> gain_warnings;
-  WavData processed = apply_input_gain(std::move(input), options.input_gain_db, gain_warnings);
-  append(warnings, gain_warnings);
-
-  const ChannelDiagnostics processed_levels = diagnose_channels(processed, "processed channel");
+  ChainResult chain = run_chain(std::move(input), options.input_gain_db, "processed channel", "processed");
+  append(warnings, chain.gain_warnings);
+  const ChannelDiagnostics& processed_levels = chain.processed;
   append(warnings, processed_levels.warnings);
-
-  const DirectionEstimate direction = estimate_direction(processed, "processed");
+  const DirectionEstimate& direction = chain.direction;
   if (direction.low_confidence) {
     warnings.push_back("direction confidence is low; angle should be treated as a weak hint only");
   }
-
-  // Nothing reads the processed samples after the beam: it is formed in place.
-  BeamformResult beam = beamform_with_own_estimate(std::move(processed), direction);
+  BeamformResult& beam = chain.beam;
   write_mono_wav(options.beamformed_path, format.sample_rate, beam.samples);
 
   WavData beam_record;

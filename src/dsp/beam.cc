@@ -12,11 +12,10 @@ namespace sonderlark {
 namespace {
 
 // Shifts and method: guided by a confident estimate on 4+ channels, else
-// each channel aligned to channel 0 on its own. With `own_estimate`, the
-// estimate was made from `data`, and channel 3's alignment is its end-to-end
-// lag whenever the estimate searched it.
+// each channel aligned to channel 0 on its own (channel 3 by `channel3_lag`
+// when the caller already searched it).
 void choose_lags(const WavData& data, const DirectionEstimate& direction, std::size_t channels,
-                 bool own_estimate, BeamformResult& result) {
+                 std::optional<int32_t> channel3_lag, BeamformResult& result) {
   const int32_t m = data.channels;
   const auto& ch = data.samples;
   result.lags.assign(static_cast<std::size_t>(m), 0);
@@ -29,13 +28,9 @@ void choose_lags(const WavData& data, const DirectionEstimate& direction, std::s
     }
     result.method = "direction-guided delay-and-sum from processed samples";
   } else {
-    // estimate_direction searched channel 0 / channel 3 over +-8 exactly when
-    // it did not return its defaults.
-    const bool searched_ch3 = own_estimate && data.channels >= 4 && ch.size() >= 4 && !ch[0].empty();
     static_assert(kFallbackMaxLag == kEndToEndMaxLag);
     for (std::size_t c = 1; c < channels; ++c) {
-      result.lags[c] = c == 3 && searched_ch3 ? direction.lag_samples_ch0_to_ch3
-                                              : best_lag(ch[0], ch[c], kFallbackMaxLag).lag;
+      result.lags[c] = c == 3 && channel3_lag ? *channel3_lag : best_lag(ch[0], ch[c], kFallbackMaxLag).lag;
     }
     result.method = "fallback channel-alignment delay-and-sum from processed samples";
   }
@@ -127,33 +122,26 @@ BeamformResult beamform_delay_and_sum(const WavData& data, const DirectionEstima
   BeamformResult result;
   if (data.channels <= 0 || data.samples.empty()) return result;
   const std::size_t channels = std::min(static_cast<std::size_t>(data.channels), data.samples.size());
-  choose_lags(data, direction, channels, false, result);
+  choose_lags(data, direction, channels, std::nullopt, result);
   reserve_large(result.samples, data.samples[0].size());
   result.samples.resize(data.samples[0].size());
   average_aligned(data.samples, channels, result.lags, result.samples.data());
   return result;
 }
 
-namespace {
+BeamformResult beamform_delay_and_sum(WavData&& data, const DirectionEstimate& direction) {
+  return beamform_delay_and_sum(std::move(data), direction, std::nullopt);
+}
 
-BeamformResult beamform_in_place(WavData&& data, const DirectionEstimate& direction, bool own_estimate) {
+BeamformResult beamform_delay_and_sum(WavData&& data, const DirectionEstimate& direction,
+                                      std::optional<int32_t> channel3_lag) {
   BeamformResult result;
   if (data.channels <= 0 || data.samples.empty()) return result;
   const std::size_t channels = std::min(static_cast<std::size_t>(data.channels), data.samples.size());
-  choose_lags(data, direction, channels, own_estimate, result);
+  choose_lags(data, direction, channels, channel3_lag, result);
   average_aligned(data.samples, channels, result.lags, data.samples[0].data());
   result.samples = std::move(data.samples[0]);
   return result;
-}
-
-}  // namespace
-
-BeamformResult beamform_delay_and_sum(WavData&& data, const DirectionEstimate& direction) {
-  return beamform_in_place(std::move(data), direction, false);
-}
-
-BeamformResult beamform_with_own_estimate(WavData&& data, const DirectionEstimate& direction) {
-  return beamform_in_place(std::move(data), direction, true);
 }
 
 }  // namespace sonderlark

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,12 +32,11 @@ BeamformResult beamform_delay_and_sum(const WavData& data, const DirectionEstima
 // channel 0's storage, so a long recording needs no second buffer.
 BeamformResult beamform_delay_and_sum(WavData&& data, const DirectionEstimate& direction);
 
-// beamform_delay_and_sum(std::move(data), direction) for a `direction` that
-// estimate_direction made from this very record. The fallback's channel 0 /
-// channel 3 search is then the estimate's own end-to-end search (same
-// sequences, same +-8 range), so its lag is taken from the estimate instead
-// of being searched twice. The result is the same; with any other estimate
-// it would not be.
-BeamformResult beamform_with_own_estimate(WavData&& data, const DirectionEstimate& direction);
+// The same, in channel 0's storage, for a caller that already searched
+// channel 0 against channel 3 of this very record over +-8 (as
+// estimate_direction does): the fallback then takes `channel3_lag` as
+// channel 3's alignment instead of searching again. The result is the same.
+BeamformResult beamform_delay_and_sum(WavData&& data, const DirectionEstimate& direction,
+                                      std::optional<int32_t> channel3_lag);
 
 }  // namespace sonderlark

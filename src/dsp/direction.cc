@@ -54,6 +54,13 @@ LagResult best_lag(std::span<const double> a, std::span<const double> b, int32_t
 }
 
 DirectionEstimate estimate_direction(const WavData& data, const std::string& source_label) {
+  std::optional<int32_t> unused;
+  return estimate_direction(data, source_label, unused);
+}
+
+DirectionEstimate estimate_direction(const WavData& data, const std::string& source_label,
+                                     std::optional<int32_t>& end_to_end_lag) {
+  end_to_end_lag.reset();
   DirectionEstimate estimate;
   estimate.samples_source = source_label;
   if (data.channels < 4 || data.samples.size() < 4 || data.samples[0].empty()) return estimate;
@@ -65,6 +72,7 @@ DirectionEstimate estimate_direction(const WavData& data, const std::string& sou
   const LagResult r23 = best_lag(ch[2], ch[3], kAdjacentMaxLag);
 
   const int32_t direct = r03.lag;
+  end_to_end_lag = direct;
   const int32_t chained = r01.lag + r12.lag + r23.lag;
   estimate.lag_consistency = std::max(1.0 - std::abs(direct - chained) * kLagScale, 0.0);
   estimate.lag_samples_ch0_to_ch3 = direct;

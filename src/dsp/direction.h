@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -51,5 +52,10 @@ LagResult best_lag(std::span<const double> a, std::span<const double> b, int32_t
 // empty channel 0 give the defaults (low confidence). `samples_source` is set
 // to `source_label` in every case.
 DirectionEstimate estimate_direction(const WavData& data, const std::string& source_label);
+
+// The same, also handing out the lag of the channel 0 / channel 3 search
+// (+-8) it made, or nothing when it made none (it returned its defaults).
+DirectionEstimate estimate_direction(const WavData& data, const std::string& source_label,
+                                     std::optional<int32_t>& end_to_end_lag);
 
 }  // namespace sonderlark

@@ -9,8 +9,7 @@
 #include <sstream>
 
 #include "cli/exit_status.h"
-#include "dsp/beam.h"
-#include "dsp/gain.h"
+#include "dsp/chain.h"
 #include "report/live_status.h"
 #include "util/text.h"
 #include "util/vector_clones.h"
@@ -64,16 +63,13 @@ void log_chunk(Logger& logger, const LiveState& state, const ChannelDiagnostics&
 }
 
 void process_chunk(LiveState& state, const Options& options, std::size_t frames, Logger& logger) {
-  // The raw chunk is not used after the gain, nor the processed one after
-  // the beam: both stages work in place.
-  std::vector<std::string> gain_warnings;
-  WavData processed =
-      apply_input_gain(chunk_from_frames(state.frame_buffer.data(), frames), options.input_gain_db, gain_warnings);
-  const ChannelDiagnostics diagnostics = diagnose_channels(processed, "live processed channel");
-  const DirectionEstimate direction = estimate_direction(processed, "processed-live");
+  ChainResult chain = run_chain(chunk_from_frames(state.frame_buffer.data(), frames), options.input_gain_db,
+                                "live processed channel", "processed-live");
+  const ChannelDiagnostics& diagnostics = chain.processed;
+  const DirectionEstimate& direction = chain.direction;
+  const BeamformResult& beam = chain.beam;
   state.last_direction = direction;
   state.last_diagnostics = diagnostics;
-  const BeamformResult beam = beamform_with_own_estimate(std::move(processed), direction);
   if (!state.speech_seen) state.speech_seen = detected_speech(diagnostics.rms);
 
   ++state.chunks_processed;
@@ -84,7 +80,7 @@ void process_chunk(LiveState& state, const Options& options, std::size_t frames,
   if (direction.low_confidence) ++state.low_confidence_chunks;
   ++state.chunks_since_start;
   if (state.chunks_processed == 1 || state.chunks_processed % 50 == 0) {
-    log_chunk(logger, state, diagnostics, beam.samples, direction, gain_warnings);
+    log_chunk(logger, state, diagnostics, beam.samples, direction, chain.gain_warnings);
   }
 }
 

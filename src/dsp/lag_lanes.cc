@@ -1,0 +1,225 @@
+// The vector kernels of the lag search: W lags side by side in the lanes of
+// one vector, instantiated for each lane width inside a function compiled
+// for that instruction set.
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+#include "dsp/lag_lanes.h"
+
+namespace sonderlark {
+namespace {
+
+// W lags side by side. GCC and Clang lower these vectors to SSE2 pairs on
+// plain x86-64 and to single registers where AVX or AVX-512 is enabled; each
+// lane is ordinary IEEE double arithmetic either way (no contraction:
+// -ffp-contract=off), so every width gives the same bits.
+template <int W>
+struct LaneVector {
+  typedef double type __attribute__((vector_size(W * sizeof(double))));
+};
+// Vectors pass by value only between these inlined functions, so the AVX
+// calling-convention note does not concern any interface.
+#pragma GCC diagnostic ignored "-Wpsabi"
+
+template <int W>
+__attribute__((always_inline)) inline typename LaneVector<W>::type load(const double* p) {
+  typename LaneVector<W>::type v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+
+template <int W>
+__attribute__((always_inline)) inline void store(double* p, typename LaneVector<W>::type v) {
+  std::memcpy(p, &v, sizeof v);
+}
+
+// The value at p in every lane. GCC assembles a wide vector of one scalar
+// lane by lane; the broadcast instruction does it in one step. (Clang checks
+// assembly operands against the file's baseline target, so it gets the plain
+// form: the same bits, a little slower.)
+template <int W>
+__attribute__((always_inline)) inline typename LaneVector<W>::type splat(const double* p) {
+  typename LaneVector<W>::type v;
+#if defined(__x86_64__) && !defined(__clang__)
+  if constexpr (W == 8) {
+    asm("vbroadcastsd %1, %0" : "=v"(v) : "m"(*p));
+    return v;
+  } else if constexpr (W == 4) {
+    asm("vbroadcastsd %1, %0" : "=x"(v) : "m"(*p));
+    return v;
+  }
+#endif
+  for (int j = 0; j < W; ++j) v[j] = *p;
+  return v;
+}
+
+// One group of W consecutive lags in one sweep: five vectors that stay in
+// registers (two sums or means, three products).
+template <int W>
+struct GroupSums {
+  typename LaneVector<W>::type first;   // sum of a, or mean of a
+  typename LaneVector<W>::type second;  // sum of b, or mean of b
+  typename LaneVector<W>::type ab;
+  typename LaneVector<W>::type aa;
+  typename LaneVector<W>::type bb;
+  int64_t first_lag;
+};
+
+// Three groups fit the register files of every width.
+constexpr int kMaxGroupsPerSweep = kMaxLagGroupsPerSweep;
+
+// Calls step on each of the G groups. The groups are named variables, not an
+// array, so that GCC keeps all of them in registers across the loop.
+template <int G, typename Group, typename Step>
+__attribute__((always_inline)) inline void for_groups(Group& g0, Group& g1, Group& g2, Step step) {
+  step(g0);
+  if constexpr (G > 1) step(g1);
+  if constexpr (G > 2) step(g2);
+}
+
+// Loads the lanes' running values into G groups, runs `body` over the shared
+// range [begin, end) with each group in registers, and stores them back.
+// `load_group` and `store_group` move one group's values from and to memory.
+template <int W, int G, typename LoadGroup, typename Body, typename StoreGroup>
+__attribute__((always_inline)) inline void sweep(int64_t begin, int64_t end, LoadGroup load_group, Body body,
+                                                 StoreGroup store_group) {
+  if (begin >= end) return;
+  GroupSums<W> group[kMaxGroupsPerSweep] = {};
+  for (int g = 0; g < G; ++g) load_group(g, group[g]);
+  GroupSums<W> g0 = group[0];
+  GroupSums<W> g1 = group[1];
+  GroupSums<W> g2 = group[2];
+  for (int64_t i = begin; i < end; ++i) {
+    for_groups<G>(g0, g1, g2, [&](GroupSums<W>& g) __attribute__((always_inline)) { body(i, g); });
+  }
+  group[0] = g0;
+  group[1] = g1;
+  group[2] = g2;
+  for (int g = 0; g < G; ++g) store_group(g, group[g]);
+}
+
+// Scores G groups of W consecutive lags, starts[g] .. starts[g] + W - 1, in
+// one sweep per pass. Every lane's sum is its lag's literal sum: the indices
+// that only some lanes cover (near the ends) are added lane by lane before
+// and after the shared range, so each lane still adds in index order.
+template <int W, int G>
+__attribute__((always_inline)) inline void score_groups(const double* a, const double* b, int64_t n,
+                                                        const int32_t* starts, double* out) {
+  using Lanes = typename LaneVector<W>::type;
+  const int64_t shared_begin = std::max<int64_t>(0, -static_cast<int64_t>(starts[0]));
+  // Empty when the input is short: then the lanes do all the work one by one.
+  const int64_t shared_end = std::max(shared_begin, std::min<int64_t>(n, n - (starts[G - 1] + W - 1)));
+  // Calls edge(lag, from, to, lane index) for each lane's indices before
+  // (before == true) or after the shared range.
+  auto each_lane_edge = [&](bool before, auto edge) {
+    for (int g = 0; g < G; ++g) {
+      for (int j = 0; j < W; ++j) {
+        const int64_t lag = starts[g] + j;
+        const LagOverlap o = lag_overlap(n, lag);
+        if (before) {
+          edge(lag, o.begin, std::min(shared_begin, o.end), g * W + j);
+        } else {
+          edge(lag, std::max(shared_end, o.begin), o.end, g * W + j);
+        }
+      }
+    }
+  };
+
+  // First pass: each lane's sums, then its means.
+  double mean_a[G * W] = {};
+  double mean_b[G * W] = {};
+  auto edge_sums = [&](int64_t lag, int64_t from, int64_t to, int k) {
+    add_lag_sums(a, b, lag, from, to, mean_a[k], mean_b[k]);
+  };
+  each_lane_edge(true, edge_sums);
+  sweep<W, G>(
+      shared_begin, shared_end,
+      [&](int g, GroupSums<W>& s) {
+        s.first = load<W>(mean_a + g * W);
+        s.second = load<W>(mean_b + g * W);
+        s.first_lag = starts[g];
+      },
+      [&](int64_t i, GroupSums<W>& s) __attribute__((always_inline)) {
+        s.first += splat<W>(a + i);
+        s.second += load<W>(b + (i + s.first_lag));
+      },
+      [&](int g, const GroupSums<W>& s) {
+        store<W>(mean_a + g * W, s.first);
+        store<W>(mean_b + g * W, s.second);
+      });
+  each_lane_edge(false, edge_sums);
+  int64_t pairs[G * W];
+  each_lane_edge(false, [&](int64_t lag, int64_t, int64_t, int k) {
+    const LagOverlap o = lag_overlap(n, lag);
+    pairs[k] = o.end - o.begin;
+    mean_a[k] /= static_cast<double>(pairs[k]);
+    mean_b[k] /= static_cast<double>(pairs[k]);
+  });
+
+  // Second pass: the centred sums, then the scores.
+  double ab[G * W] = {};
+  double aa[G * W] = {};
+  double bb[G * W] = {};
+  auto edge_products = [&](int64_t lag, int64_t from, int64_t to, int k) {
+    add_lag_products(a, b, lag, from, to, mean_a[k], mean_b[k], ab[k], aa[k], bb[k]);
+  };
+  each_lane_edge(true, edge_products);
+  sweep<W, G>(
+      shared_begin, shared_end,
+      [&](int g, GroupSums<W>& s) {
+        s.first = load<W>(mean_a + g * W);
+        s.second = load<W>(mean_b + g * W);
+        s.ab = load<W>(ab + g * W);
+        s.aa = load<W>(aa + g * W);
+        s.bb = load<W>(bb + g * W);
+        s.first_lag = starts[g];
+      },
+      [&](int64_t i, GroupSums<W>& s) __attribute__((always_inline)) {
+        const Lanes da = splat<W>(a + i) - s.first;
+        const Lanes db = load<W>(b + (i + s.first_lag)) - s.second;
+        s.ab += da * db;
+        s.aa += da * da;
+        s.bb += db * db;
+      },
+      [&](int g, const GroupSums<W>& s) {
+        store<W>(ab + g * W, s.ab);
+        store<W>(aa + g * W, s.aa);
+        store<W>(bb + g * W, s.bb);
+      });
+  each_lane_edge(false, edge_products);
+  for (int k = 0; k < G * W; ++k) out[k] = lag_score(pairs[k], ab[k], aa[k], bb[k]);
+}
+
+// One sweep of 1 to kMaxGroupsPerSweep groups.
+template <int W>
+__attribute__((always_inline)) inline void score_sweep(const double* a, const double* b, int64_t n,
+                                                       const int32_t* starts, int groups, double* out) {
+  if (groups >= 3) {
+    score_groups<W, 3>(a, b, n, starts, out);
+  } else if (groups == 2) {
+    score_groups<W, 2>(a, b, n, starts, out);
+  } else {
+    score_groups<W, 1>(a, b, n, starts, out);
+  }
+}
+
+}  // namespace
+
+void lag_sweep_2(const double* a, const double* b, int64_t n, const int32_t* starts, int groups, double* out) {
+  score_sweep<2>(a, b, n, starts, groups, out);
+}
+
+#if defined(__x86_64__)
+__attribute__((target("avx2,fma"))) void lag_sweep_4(const double* a, const double* b, int64_t n,
+                                                     const int32_t* starts, int groups, double* out) {
+  score_sweep<4>(a, b, n, starts, groups, out);
+}
+
+__attribute__((target("avx512f"))) void lag_sweep_8(const double* a, const double* b, int64_t n,
+                                                    const int32_t* starts, int groups, double* out) {
+  score_sweep<8>(a, b, n, starts, groups, out);
+}
+#endif
+
+}  // namespace sonderlark

@@ -1,0 +1,67 @@
+#pragma once
+// The pieces of the lag search that the scalar reference (lag_kernels.cc)
+// and the vector kernels (lag_lanes.cc) share: the overlap of a lag and the
+// literal per-lag loops, which the vector kernels run for the indices that
+// only some of their lanes cover.
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+
+#include "dsp/direction.h"
+
+namespace sonderlark {
+
+// The indices i with 0 <= i + lag < n.
+struct LagOverlap {
+  int64_t begin;
+  int64_t end;
+};
+
+inline LagOverlap lag_overlap(int64_t n, int64_t lag) {
+  return {std::max<int64_t>(0, -lag), std::min<int64_t>(n, n - lag)};
+}
+
+// First pass of one lag: adds a[i] and b[i + lag] for i in [from, to), in
+// index order, to sum_a and sum_b.
+inline void add_lag_sums(const double* a, const double* b, int64_t lag, int64_t from, int64_t to, double& sum_a,
+                     double& sum_b) {
+  for (int64_t i = from; i < to; ++i) {
+    sum_a += a[i];
+    sum_b += b[i + lag];
+  }
+}
+
+// Second pass of one lag: adds the centred products of a[i] and b[i + lag]
+// about the means for i in [from, to), in index order.
+inline void add_lag_products(const double* a, const double* b, int64_t lag, int64_t from, int64_t to, double mean_a,
+                         double mean_b, double& ab, double& aa, double& bb) {
+  for (int64_t i = from; i < to; ++i) {
+    const double da = a[i] - mean_a;
+    const double db = b[i + lag] - mean_b;
+    ab += da * db;
+    aa += da * da;
+    bb += db * db;
+  }
+}
+
+// The score from the finished sums of `pairs` overlapping pairs.
+inline double lag_score(int64_t pairs, double ab, double aa, double bb) {
+  if (pairs >= kMinOverlapPairs && aa > 0.0 && bb > 0.0) return ab / std::sqrt(aa * bb);
+  return 0.0;
+}
+
+// Scores `groups` (1 to 3) groups of W consecutive lags, starts[g] ..
+// starts[g] + W - 1, into out[g * W + j], each lane bit for bit the scalar
+// reference. W = 2 runs on any x86-64 (SSE2) or other target; W = 4 needs
+// AVX2 and FMA, W = 8 AVX-512F.
+void lag_sweep_2(const double* a, const double* b, int64_t n, const int32_t* starts, int groups, double* out);
+#if defined(__x86_64__)
+void lag_sweep_4(const double* a, const double* b, int64_t n, const int32_t* starts, int groups, double* out);
+void lag_sweep_8(const double* a, const double* b, int64_t n, const int32_t* starts, int groups, double* out);
+#endif
+
+// Groups per sweep: five vectors each stay in registers at every width.
+constexpr int kMaxLagGroupsPerSweep = 3;
+
+}  // namespace sonderlark

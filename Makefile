@@ -17,26 +17,30 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 all: build
 
 deps:
-	@scripts/install-deps
+	@scripts/install-deps build
 
 build: deps
 	cmake -S . -B build -DCMAKE_BUILD_TYPE=Release -DSONDERLARK_TESTS=OFF >/dev/null
 	cmake --build build -j $(JOBS)
 
-test: deps
+test:
+	@scripts/install-deps test
 	cmake -S . -B build-test -DCMAKE_BUILD_TYPE=Debug -DSONDERLARK_SANITIZE=ON >/dev/null
 	cmake --build build-test -j $(JOBS)
 	cd build-test && ctest --output-on-failure -j $(JOBS)
 
-test-release: deps
+test-release:
+	@scripts/install-deps test
 	cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release >/dev/null
 	cmake --build build-release -j $(JOBS)
 	cd build-release && ctest --output-on-failure -j $(JOBS)
 
 demo: build
+	@scripts/install-deps demo
 	scripts/demo
 
-bench: deps
+bench:
+	@scripts/install-deps bench
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DSONDERLARK_TESTS=OFF -DSONDERLARK_BENCH=ON >/dev/null
 	cmake --build build-bench -j $(JOBS)
 	build-bench/bench/sonderlark_bench
@@ -44,7 +48,8 @@ bench: deps
 	python3 bench/live_bench.py build-bench 5
 	python3 bench/latency.py build-bench 256 1024 4096
 
-fuzz: deps
+fuzz:
+	@scripts/install-deps fuzz
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSONDERLARK_TESTS=OFF -DSONDERLARK_FUZZ=ON >/dev/null
 	cmake --build build-fuzz -j $(JOBS)
 	scripts/run-fuzz build-fuzz $(FUZZ_SECONDS)

@@ -64,8 +64,25 @@ seeds = {
     "short_tail": riff(fmt(), chunk(b"data", pcm32(8, 4))) + b"1234567",
     "empty_chunks": riff(fmt(), *[chunk(b"zero", b"") for _ in range(50)], chunk(b"data", pcm32(8, 4))),
     "not_riff": b"RIFX" + b"\0" * 60,
+    "not_wave": b"RIFF" + struct.pack("<I", 36) + b"AVI " + b"\0" * 32,
+    "forty_three_bytes": b"RIFF" + struct.pack("<I", 35) + b"WAVE" + b"\0" * 31,
+    "boundaries_32bit": riff(fmt(channels=2, rate=48000),
+                             chunk(b"data", struct.pack("<IIII", 0x80000000, 0x40000000, 0x7FFFFFFF, 0xFFFFFFFF))),
+    "smaller_than_a_frame": riff(fmt(channels=3, bits=16), chunk(b"data", pcm16([7, 8]))),
+    "last_fmt_and_data_win": riff(fmt(channels=2, rate=44100, bits=16), chunk(b"data", pcm16([1])),
+                                  fmt(channels=1, rate=22050, bits=16), chunk(b"data", pcm16([2, 4]))),
+    "fmt_of_40_bytes": riff(fmt(channels=1, bits=16, extra=b"\0" * 24), chunk(b"data", pcm16([3]))),
+    "8bit": riff(fmt(bits=8), chunk(b"data", b"\0" * 8)),
+    "truncated_list_before_data": riff(fmt(), chunk(b"LIST", b"x" * 10, declared=50)),
+    "tail_of_eight_bytes": riff(fmt(), chunk(b"data", pcm32(2, 4))) + b"tail" + struct.pack("<I", 1),
+    "binary_chunk_id": riff(fmt(), struct.pack("<II", 0x20FF7F01, 9)),
+    "no_fmt": riff(chunk(b"data", pcm32(2, 4)), chunk(b"LIST", b"x" * 40)),
+    "float_24bit": riff(fmt(tag=3, bits=24), chunk(b"data", b"\0" * 12)),
     "tiny": b"RIFF\0\0\0\0WAVE",
 }
+
+for size in (0x7FFFFFFF, 0x80000000, 0xFFFFFFF7, 0xFFFFFFF8, 0xFFFFFFFA, 0xFFFFFFFC, 0xFFFFFFFE):
+    seeds[f"data_size_{size:08x}"] = riff(fmt(), chunk(b"data", b"\0" * 64, declared=size))
 
 os.makedirs(here, exist_ok=True)
 for name, data in seeds.items():

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -147,6 +148,13 @@ std::vector<double> shifted(const std::vector<double>& x, int delay) {
     if (j >= 0 && j < n) y[static_cast<std::size_t>(i)] = x[static_cast<std::size_t>(j)];
   }
   return y;
+}
+
+std::vector<std::vector<double>> array_noise(int lag, std::size_t frames, double amplitude, uint32_t seed) {
+  const std::vector<double> source = white_noise(frames, amplitude, seed);
+  std::vector<std::vector<double>> channels;
+  for (int c = 0; c < 4; ++c) channels.push_back(shifted(source, static_cast<int>(std::lround(c * lag / 3.0))));
+  return channels;
 }
 
 WavData record(std::vector<std::vector<double>> channels, int32_t sample_rate, int32_t bits) {

@@ -59,6 +59,10 @@ std::vector<double> white_noise(std::size_t n, double amplitude, uint32_t seed);
 // x delayed by `delay` whole samples (zeros shifted in); negative delays lead.
 std::vector<double> shifted(const std::vector<double>& x, int delay);
 
+// Channel c of four hears seeded white noise round(c x lag / 3) samples
+// after channel 0: a source at asin(lag / 8) from broadside.
+std::vector<std::vector<double>> array_noise(int lag, std::size_t frames, double amplitude, uint32_t seed);
+
 // A record of the given channels (full scale 1.0).
 WavData record(std::vector<std::vector<double>> channels, int32_t sample_rate = 16000, int32_t bits = 32);
 

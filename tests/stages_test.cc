@@ -1,0 +1,275 @@
+// Every number the processing stages give for a table of hand-picked inputs,
+// written out in full and held against tests/golden/stages.txt. The inputs
+// sit on the rules' edges: thresholds, block counts, the 16-pair minimum,
+// ties, silence, clipping, lags -8..8, too few or empty channels.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+
+#include "dsp/beam.h"
+#include "dsp/diagnostics.h"
+#include "dsp/direction.h"
+#include "dsp/gain.h"
+#include "support.h"
+
+namespace sonderlark {
+namespace {
+
+using test::record;
+using Channels = std::vector<std::vector<double>>;
+
+std::string num(double v) {
+  char text[40];
+  std::snprintf(text, sizeof text, "%.17g", v);
+  return text;
+}
+
+// Up to eight values in full, then the count and a hash of every bit.
+std::string nums(const std::vector<double>& v) {
+  std::string out = "[";
+  uint64_t hash = 1469598103934665603ULL;
+  for (std::size_t i = 0; i < v.size(); ++i) {
+    if (i < 8) {
+      if (i > 0) out += ' ';
+      out += num(v[i]);
+    }
+    uint64_t bits;
+    std::memcpy(&bits, &v[i], sizeof bits);
+    hash = (hash ^ bits) * 1099511628211ULL;
+  }
+  if (v.size() > 8) out += " ... n=" + std::to_string(v.size()) + " hash=" + std::to_string(hash);
+  return out + "]";
+}
+
+std::string dump(const ChannelDiagnostics& d) {
+  std::string out = "levels rms" + nums(d.rms) + " peak" + nums(d.peak) + " floor" + nums(d.noise_floor) + "\n";
+  for (const std::string& w : d.warnings) out += "  warning: " + w + "\n";
+  return out;
+}
+
+std::string dump(const LagResult& r) {
+  return "lag " + std::to_string(r.lag) + " peak " + num(r.peak_correlation) + " second " +
+         num(r.second_correlation) + " confidence " + num(r.confidence) + "\n";
+}
+
+std::string dump(const DirectionEstimate& e) {
+  return "direction lag " + std::to_string(e.lag_samples_ch0_to_ch3) + " angle " + num(e.angle_degrees) +
+         " confidence " + num(e.confidence) + " peak " + num(e.peak_correlation) + " second " +
+         num(e.second_correlation) + " consistency " + num(e.lag_consistency) + " low " +
+         (e.low_confidence ? "yes" : "no") + " " + e.samples_source + " / " + e.method + "\n";
+}
+
+std::string dump(const BeamformResult& b) {
+  std::string lags;
+  for (int32_t l : b.lags) lags.append(1, ' ').append(std::to_string(l));
+  return "beam lags" + lags + " / " + b.method + "\n  samples" + nums(b.samples) + "\n";
+}
+
+// Channel c hears the noise round(c x lag / 3) samples after channel 0.
+Channels delayed_noise(int lag, std::size_t n = 4096, uint32_t seed = 7) {
+  return test::array_noise(lag, n, 0.5, seed);
+}
+
+// Estimate, then the beam steered by it: what the one-shot run does.
+std::string estimate_and_beam(const Channels& channels) {
+  const WavData data = record(channels);
+  const DirectionEstimate e = estimate_direction(data, "processed");
+  return dump(e) + dump(beamform_delay_and_sum(data, e));
+}
+
+DirectionEstimate steer(int32_t lag, bool low = false) {
+  DirectionEstimate d;
+  d.low_confidence = low;
+  d.lag_samples_ch0_to_ch3 = lag;
+  return d;
+}
+
+std::string gain(const Channels& channels, double db) {
+  std::vector<std::string> warnings = {"earlier"};
+  const WavData processed = apply_input_gain(record(channels), db, warnings);
+  std::string out = "gain " + num(db) + " dB:";
+  for (const auto& ch : processed.samples) out.append(1, ' ').append(nums(ch));
+  out += "\n";
+  for (const std::string& w : warnings) out += "  warning: " + w + "\n";
+  return out;
+}
+
+struct Case {
+  std::string name;
+  std::function<std::string()> run;
+};
+
+std::vector<Case> cases() {
+  const std::vector<double> x = test::white_noise(3000, 0.5, 4);
+  const std::vector<double> zeros(100, 0.0);
+  std::vector<Case> c;
+  // Levels.
+  c.push_back(Case{"levels: silent, empty, shorter than a block", [] {
+    return dump(diagnose_channels(record({std::vector<double>(5000, 0.0), {}, {0.5, -0.25}}), "raw channel"));
+  }});
+  c.push_back(Case{"levels: silence and clipping thresholds, eleven channels", [] {
+    std::vector<double> at_rms(16, 0.0);
+    at_rms[0] = 0.0002;  // rms exactly 5e-05
+    std::vector<double> below_rms = at_rms;
+    below_rms.push_back(0.0);
+    const double under = std::nextafter(0.0002, 0.0);
+    Channels ch = {at_rms, below_rms, {0.0002, 0.0002}, {under, under}, {0.999}, {std::nextafter(0.999, 0.0), -0.5},
+                   {-1.0}, {0.5}, {0.5}, {0.5}, {-1.0}};
+    return dump(diagnose_channels(record(ch), "c"));
+  }});
+  c.push_back(Case{"levels: noise floor over 1..31 blocks of falling level", [] {
+    Channels ch;
+    for (int blocks : {1, 2, 9, 10, 19, 20, 21, 29, 30, 31}) {
+      std::vector<double> v;
+      for (int k = 0; k < blocks; ++k) v.insert(v.end(), 320, (blocks - k) * 0.01);
+      v.insert(v.end(), 100, 0.0);  // a partial block: counts for the rms only
+      ch.push_back(v);
+    }
+    return dump(diagnose_channels(record(ch), "c"));
+  }});
+  c.push_back(Case{"levels: block length at rates 0, 1, 49, 50, 100, negative", [] {
+    std::vector<double> v;
+    for (int i = 1; i <= 40; ++i) v.push_back((i % 2 ? 1 : -1) * i / 100.0);
+    std::string out;
+    for (int32_t rate : {0, 1, 49, 50, 100, -16000, INT32_MIN}) out += dump(diagnose_channels(record({v}, rate), "c"));
+    return out + "speech " + std::to_string(detected_speech({0.003, 0.003})) +
+           std::to_string(detected_speech({0.0, 0.0031})) + std::to_string(detected_speech({})) + "\n";
+  }});
+  // Gain.
+  c.push_back(Case{"gain: clipping warnings name the clipped channels", [] {
+    return gain({{0.001, -0.002}, {0.01}, {0.5, -0.5, 0.015, 0.0}, {0.0}}, 36.0) +
+           gain({{0.9, 0.9}, {0.0}, {0.0}, {-0.9}}, 24.0) + gain({{0.99}}, 0.25) + gain({{}, {}, {}, {}}, 36.0) +
+           gain({}, 36.0);
+  }});
+  c.push_back(Case{"gain: 0 dB is the identity; a sine's rms at -60..12 dB", [] {
+    std::vector<double> sine;
+    for (int i = 0; i < 16000; ++i) sine.push_back(0.1 * std::sin(2 * 3.141592653589793 * 1000 * i / 16000.0));
+    std::string out = gain({test::white_noise(1000, 1.0, 1), {-1.0, 0.999999, -0.5}}, 0.0);
+    out += "input: " + nums(test::white_noise(1000, 1.0, 1)) + "\n";
+    std::vector<std::string> warnings;
+    for (double db : {-60.0, -20.0, -6.0, 0.0, 6.0, 12.0}) {
+      out += num(db) + " dB rms " + num(diagnose_channels(apply_input_gain(record({sine}), db, warnings), "c").rms[0]) +
+             "\n";
+    }
+    return out;
+  }});
+  // Direction and beam.
+  for (int lag = -8; lag <= 8; ++lag) {
+    c.push_back(Case{"noise with end-to-end lag " + std::to_string(lag), [lag] { return estimate_and_beam(delayed_noise(lag)); }});
+  }
+  c.push_back(Case{"one-sample steps, both ways; identical channels", [] {
+    const std::vector<double> n = test::white_noise(2048, 0.3, 3);
+    return estimate_and_beam({n, test::shifted(n, 1), test::shifted(n, 2), test::shifted(n, 3)}) +
+           estimate_and_beam({n, test::shifted(n, -1), test::shifted(n, -2), test::shifted(n, -3)}) +
+           estimate_and_beam({n, n, n, n});
+  }});
+  c.push_back(Case{"silent, constant, 15 samples, three channels, empty channel 0, none", [] {
+    const std::vector<double> n = test::white_noise(100, 0.5, 1);
+    std::string out;
+    for (const auto& ch : {std::vector<double>(1000, 0.0), std::vector<double>(1000, 0.25), test::white_noise(15, 0.5, 1)}) {
+      out += estimate_and_beam({ch, ch, ch, ch});
+    }
+    return out + estimate_and_beam({n, n, n}) + estimate_and_beam({{}, n, n, n}) + estimate_and_beam({});
+  }});
+  c.push_back(Case{"lag search: zero range, empty, inverted, unequal lengths, 16 and 15 pairs, a tie", [x] {
+    std::vector<double> inverted;
+    for (double v : x) inverted.push_back(-v);
+    const std::vector<double> later = test::shifted(x, 3);
+    const std::vector<double> b(later.begin(), later.begin() + 100);
+    const std::vector<double> s = test::white_noise(17, 0.5, 9);
+    const std::vector<double> t(s.begin(), s.begin() + 16);
+    std::vector<double> period;
+    for (int i = 0; i < 400; ++i) period.push_back(std::vector<double>{1, 0, -1, 0}[i % 4]);
+    return dump(best_lag(x, test::shifted(x, 2), 0)) + dump(best_lag(x, {}, 4)) + dump(best_lag(x, inverted, 0)) +
+           dump(best_lag(x, b, 8)) + dump(best_lag(b, x, 8)) + dump(best_lag(s, s, 1)) + dump(best_lag(t, t, 1)) +
+           dump(best_lag(period, period, 4));
+  }});
+  c.push_back(Case{"beam: steering tables for lags -8..8, four and five channels", [x] {
+    std::string out;
+    for (int32_t lag = -8; lag <= 8; ++lag) out += dump(beamform_delay_and_sum(record({x, x, x, x}), steer(lag)));
+    return out + dump(beamform_delay_and_sum(record({x, x, x, x, x}), steer(2))) +
+           dump(beamform_delay_and_sum(record({x, x, x, x, x}), steer(-2)));
+  }});
+  c.push_back(Case{"beam: means near the ends; fallback; two, one, silent, empty, none", [x, zeros] {
+    const Channels ramps = {{1, 2, 3, 4, 5, 6}, {10, 20, 30, 40, 50, 60}, {100, 200, 300, 400, 500, 600},
+                            {1000, 2000, 3000, 4000, 5000, 6000}};
+    std::vector<double> ch0 = zeros;
+    for (int i = 0; i < 8; ++i) ch0[static_cast<std::size_t>(i)] = 0.1 * (i + 1);
+    return dump(beamform_delay_and_sum(record(ramps), steer(3))) + dump(beamform_delay_and_sum(record(ramps), steer(0))) +
+           dump(beamform_delay_and_sum(record({x, test::shifted(x, 5), test::shifted(x, -7), test::shifted(x, 2)}),
+                                       steer(8, true))) +
+           dump(beamform_delay_and_sum(record({x, test::shifted(x, -3)}), steer(3))) +
+           dump(beamform_delay_and_sum(record({x}), steer(3))) +
+           dump(beamform_delay_and_sum(record({ch0, zeros, zeros, zeros}), DirectionEstimate{})) +
+           dump(beamform_delay_and_sum(record({{}, {}, {}, {}}), steer(3))) + dump(beamform_delay_and_sum(record({}), steer(3)));
+  }});
+  return c;
+}
+
+// Set SONDERLARK_UPDATE_GOLDEN=1 to rewrite the file after a deliberate change.
+TEST(Stages, EveryNumberMatchesTheGolden) {
+  std::string out;
+  for (const auto& [name, run] : cases()) out += "== " + name + "\n" + run();
+  const std::string golden = test::source_path("tests/golden/stages.txt");
+  if (std::getenv("SONDERLARK_UPDATE_GOLDEN") != nullptr) test::write_file(golden, out);
+  EXPECT_EQ(out, test::read_file(golden));
+}
+
+// The literal mean, index by index, channel by channel.
+std::vector<double> literal_beam(const Channels& ch, const std::vector<int32_t>& lags) {
+  const int64_t n = static_cast<int64_t>(ch[0].size());
+  std::vector<double> out;
+  for (int64_t i = 0; i < n; ++i) {
+    double sum = 0.0;
+    int count = 0;
+    for (std::size_t c = 0; c < ch.size(); ++c) {
+      const int64_t j = i + lags[c];
+      if (j >= 0 && j < n) {
+        sum += ch[c][static_cast<std::size_t>(j)];
+        ++count;
+      }
+    }
+    out.push_back(sum / count);
+  }
+  return out;
+}
+
+// The chain hands the estimate's own channel 0 / 3 search to the beam; that
+// must give the beam that re-deriving it gives, and the literal mean.
+TEST(Stages, TheEstimatesOwnSearchGivesTheSameBeam) {
+  const std::vector<double> x = test::white_noise(1500, 0.5, 7), y = test::white_noise(1500, 0.5, 8);
+  const std::vector<double> z = test::white_noise(1500, 0.5, 9), w = test::white_noise(1500, 0.5, 10);
+  const std::vector<double> silent(1500, 0.0);
+  const std::vector<Channels> inputs = {
+      {x, test::shifted(x, 1), test::shifted(x, 2), test::shifted(x, 3)},  // confident: guided
+      {x, y, z, test::shifted(x, -6)},                                     // weak: channel 3 found at -6
+      {x, y, z, w},
+      {silent, silent, silent, silent},
+      {{x.begin(), x.begin() + 10}, {y.begin(), y.begin() + 10}, {z.begin(), z.begin() + 10}, {w.begin(), w.begin() + 10}},
+      {x, y, z, test::shifted(x, 4), w},
+      {x, y, test::shifted(x, 2)},  // three channels: no search
+      {{}, x, y, z},                // empty channel 0: no search
+  };
+  for (std::size_t k = 0; k < inputs.size(); ++k) {
+    SCOPED_TRACE(k);
+    const WavData data = record(inputs[k]);
+    std::optional<int32_t> end_to_end;
+    const DirectionEstimate direction = estimate_direction(data, "processed", end_to_end);
+    const BeamformResult expected = beamform_delay_and_sum(data, direction);
+    const BeamformResult got = beamform_delay_and_sum(WavData(data), direction, end_to_end);
+    EXPECT_EQ(end_to_end.has_value(), k < 6);
+    EXPECT_EQ(dump(got), dump(expected));
+    if (k == 1) {
+      EXPECT_EQ(got.lags[3], -6);
+    }
+    if (!inputs[k][0].empty()) {
+      EXPECT_EQ(got.samples, literal_beam(inputs[k], got.lags));
+    }
+  }
+}
+
+}  // namespace
+}  // namespace sonderlark

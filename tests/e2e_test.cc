@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <thread>
 
@@ -60,7 +61,7 @@ struct PulseServer {
 };
 
 // Simulated speech from 30 degrees (end-to-end lag 4), as raw S32_LE frames.
-std::vector<uint8_t> speech_frames(const test::TempDir& tmp) {
+std::string speech_frames(const test::TempDir& tmp) {
   EXPECT_EQ(test::run({"espeak-ng", "-w", tmp.path("say.wav"),
                        "Testing the virtual microphone. One, two, three, four, five, six, seven."})
                 .exit_code,
@@ -73,7 +74,7 @@ std::vector<uint8_t> speech_frames(const test::TempDir& tmp) {
                        "--raw", "--lag", "4", "--noise-rms", "0.001", "--repeat", "3"})
                 .exit_code,
             0);
-  return test::read_bytes(tmp.path("frames.raw"));
+  return test::read_file(tmp.path("frames.raw"));
 }
 
 double rms(const std::vector<double>& x, std::size_t begin, std::size_t end) {
@@ -84,7 +85,7 @@ double rms(const std::vector<double>& x, std::size_t begin, std::size_t end) {
 
 TEST(VirtualMicrophone, ParecordHearsTheBeam) {
   test::TempDir tmp;
-  const std::vector<uint8_t> frames = speech_frames(tmp);
+  const std::string frames = speech_frames(tmp);
   const std::string fifo = tmp.path("mic.pcm");
   PulseServer pulse(tmp, fifo);
   pulse.start("pulse");
@@ -107,7 +108,7 @@ TEST(VirtualMicrophone, ParecordHearsTheBeam) {
 
   const int chunks = std::stoi(run.out.substr(run.out.find("live chunks_processed: ") + 23));
   ASSERT_GT(chunks, 40);
-  const std::vector<int16_t> beam = test::library_beam(frames, 1024, static_cast<std::size_t>(chunks));
+  const std::string beam = test::library_beam_bytes(frames, 1024, static_cast<std::size_t>(chunks));
   const WavData rec = read_wav(tmp.path("rec.wav"));
   ASSERT_EQ(rec.channels, 1);
   ASSERT_EQ(rec.sample_rate, 16000);
@@ -116,8 +117,12 @@ TEST(VirtualMicrophone, ParecordHearsTheBeam) {
 
   // Best normalised cross-correlation over every alignment of the recording
   // against the beam, on the loudest second of the beam.
-  std::vector<double> want(beam.size());
-  for (std::size_t i = 0; i < beam.size(); ++i) want[i] = beam[i] / 32768.0;
+  std::vector<double> want(beam.size() / 2);
+  for (std::size_t i = 0; i < want.size(); ++i) {
+    int16_t v;
+    std::memcpy(&v, beam.data() + 2 * i, 2);
+    want[i] = v / 32768.0;
+  }
   std::size_t loud = 0;
   double loud_rms = -1.0;
   for (std::size_t s = 0; s + 16000 <= want.size(); s += 800) {

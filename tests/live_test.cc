@@ -30,18 +30,15 @@ using nlohmann::json;
 
 constexpr std::size_t kPeriod = 65536;  // the simulated source repeats with this period
 
-// Interleaved S32_LE frames of periodic noise reaching channel c round(c x lag / 3)
-// samples after channel 0.
-std::vector<uint8_t> array_frames(std::size_t frames, int lag) {
-  const std::vector<std::vector<double>> source = test::array_noise(lag, kPeriod + 16, 0.3, 3);
-  std::vector<uint8_t> bytes;
-  bytes.reserve(frames * 16);
-  for (std::size_t f = 0; f < frames; ++f) {
-    for (const auto& channel : source) {
-      const auto s = static_cast<uint32_t>(static_cast<int32_t>(std::lround(channel[16 + f % kPeriod] * 2147483647.0)));
-      for (int b = 0; b < 4; ++b) bytes.push_back(static_cast<uint8_t>(s >> (8 * b)));
-    }
-  }
+// Interleaved S32_LE frames of noise from the source at asin(lag / 8),
+// repeating every kPeriod frames.
+std::string array_frames(std::size_t frames, int lag) {
+  std::vector<std::vector<double>> period = test::array_noise(lag, kPeriod + 16, 0.3, 3);
+  for (auto& channel : period) channel.erase(channel.begin(), channel.begin() + 16);
+  const std::string one = test::s32_frames(period);
+  std::string bytes;
+  while (bytes.size() < frames * 16) bytes += one;
+  bytes.resize(frames * 16);
   return bytes;
 }
 
@@ -68,11 +65,11 @@ const std::string kNoReader =
 // is not defined).
 struct RealDevice {
   test::TempDir tmp;
-  std::vector<uint8_t> frames;
+  std::string frames;
   std::optional<test::PacedDevice> paced;
   RealDevice(std::size_t frame_count, bool pace) : frames(array_frames(frame_count, 4)) {
     fs::create_directories(tmp.path("state"));
-    test::write_bytes(tmp.path("frames.raw"), frames);
+    test::write_file(tmp.path("frames.raw"), frames);
     if (pace) {
       paced.emplace(tmp);
     } else {
@@ -335,9 +332,7 @@ struct StandIn {
     env["STATUS_FILE"] = status();
     for (const char* key : {"FRAMES", "FIRST_FRAMES"}) {  // a count of chunks becomes a file of frames
       if (!env.contains(key)) continue;
-      std::vector<uint8_t> bytes = array_frames(std::stoul(*env[key]) * 1024, 2);
-      bytes.resize(bytes.size() + 12, 0);  // and three stray samples
-      test::write_bytes(tmp.path(key), bytes);
+      test::write_file(tmp.path(key), array_frames(std::stoul(*env[key]) * 1024, 2) + std::string(12, '\0'));  // + 3 samples
       env[key] = tmp.path(key);
     }
   }

@@ -21,36 +21,25 @@ const std::string kBanner =
     "Sonderlark v1.4.0 capture/live-global-mic/input-gain/direction/beamforming/event tool\n"
     "scope: Sonderscope only; no Halcyra integration; no system audio configuration changes\n";
 
-// Interleaved integer PCM of channels full scale 1.0 at the given width.
-std::vector<int64_t> interleave(const std::vector<std::vector<double>>& channels, int bits) {
-  std::vector<int64_t> out;
-  const double scale = bits == 16 ? 32768.0 : 2147483648.0;
-  for (std::size_t f = 0; f < channels[0].size(); ++f) {
-    for (const auto& ch : channels) out.push_back(static_cast<int64_t>(std::lround(ch[f] * (scale - 1))));
-  }
-  return out;
-}
-
-std::vector<int64_t> noise_pcm(int lag, std::size_t frames, uint32_t seed, double amplitude = 0.3) {
-  return interleave(test::array_noise(lag, frames, amplitude, seed), 32);
+// Four channels of noise from the source at asin(lag / 8), as a WAV file.
+std::string noise_wav(int lag, std::size_t frames, uint32_t seed) {
+  return test::pcm_wav(test::array_noise(lag, frames, 0.3, seed));
 }
 
 struct GoldenCase {
   std::string name;
-  test::Bytes input;
+  std::string input;
   std::vector<std::string> extra_args;
 };
 
 void PrintTo(const GoldenCase& c, std::ostream* os) { *os << c.name; }
 
 std::vector<GoldenCase> golden_cases() {
-  std::vector<std::vector<double>> stereo = {test::white_noise(4800, 0.2, 21), test::white_noise(4800, 0.2, 22)};
   return {
-      {"noise_lag5", test::pcm_wav(4, 16000, 32, noise_pcm(5, 4000, 1)), {}},
-      {"silence", test::pcm_wav(4, 16000, 32, std::vector<int64_t>(4 * 3200, 0)), {}},
-      {"stereo_48k_16bit", test::pcm_wav(2, 48000, 16, interleave(stereo, 16)), {}},
-      {"clipping_gain", test::pcm_wav(4, 16000, 32, noise_pcm(-2, 4000, 2)),
-       {"--input-gain-db", "36"}},
+      {"noise_lag5", noise_wav(5, 4000, 1), {}},
+      {"silence", test::pcm_wav(std::vector<std::vector<double>>(4, std::vector<double>(3200, 0.0))), {}},
+      {"stereo_48k_16bit", test::pcm_wav({test::white_noise(4800, 0.2, 21), test::white_noise(4800, 0.2, 22)}, 48000, 16), {}},
+      {"clipping_gain", noise_wav(-2, 4000, 2), {"--input-gain-db", "36"}},
   };
 }
 
@@ -71,7 +60,7 @@ class GoldenRun : public testing::TestWithParam<GoldenCase> {};
 TEST_P(GoldenRun, LogManifestAndBeamMatchBitExactness) {
   const GoldenCase& c = GetParam();
   test::TempDir tmp;
-  test::write_bytes(tmp.path("in.wav"), c.input.data);
+  test::write_file(tmp.path("in.wav"), c.input);
   std::vector<std::string> argv = {test::tool_path(), "--input-wav", "in.wav", "--beamformed", "beam.wav",
                                    "--event", "event.json", "--log", "run.log"};
   argv.insert(argv.end(), c.extra_args.begin(), c.extra_args.end());
@@ -81,7 +70,7 @@ TEST_P(GoldenRun, LogManifestAndBeamMatchBitExactness) {
   EXPECT_EQ(r.out, log);
   const std::string manifest = mask_timestamp(test::read_file(tmp.path("event.json")));
   const std::string beam = test::read_file(tmp.path("beam.wav"));
-  EXPECT_EQ(test::read_file(tmp.path("in.wav")), std::string(c.input.data.begin(), c.input.data.end()));
+  EXPECT_TRUE(test::read_file(tmp.path("in.wav")) == c.input);  // the input is never altered
 
   if (std::getenv("SONDERLARK_UPDATE_GOLDEN") != nullptr) {
     test::write_file(golden_path(c.name, ".log"), log);
@@ -103,27 +92,21 @@ INSTANTIATE_TEST_SUITE_P(Runs, GoldenRun, testing::ValuesIn(golden_cases()),
 // The real arecord records the file-backed device through the tool.
 TEST(RealArecord, RecordsTheFileBackedDeviceExactly) {
   test::TempDir tmp;
-  const std::vector<uint8_t> frames = [] {
-    test::Bytes b;
-    for (int64_t v : noise_pcm(3, 24000, 5, 0.4)) b.i32(v);
-    return b.data;
-  }();
-  test::write_bytes(tmp.path("capture.raw"), frames);
+  const std::string frames = test::s32_frames(test::array_noise(3, 24000, 0.4, 5));
+  test::write_file(tmp.path("capture.raw"), frames);
   test::write_alsa_file_device(tmp.path("config"), "sonderlark_array", tmp.path("capture.raw"));
   const test::RunResult r = test::run({test::tool_path(), "--device", "sonderlark_array", "--duration", "1",
                                        "--output", tmp.path("raw.wav"), "--beamformed", tmp.path("beam.wav"),
                                        "--event", tmp.path("event.json"), "--log", tmp.path("run.log")},
                                       {{"XDG_CONFIG_HOME", tmp.path("config")}});
   ASSERT_EQ(r.exit_code, 0) << r.out << r.err;
-  const std::vector<uint8_t> raw = test::read_bytes(tmp.path("raw.wav"));
   // arecord's WAV: 16000 frames of 16 bytes, exactly the device's first bytes.
-  const WavData wav = parse_wav(raw, "raw.wav");
-  EXPECT_EQ(wav.channels, 4);
-  EXPECT_EQ(wav.sample_rate, 16000);
-  EXPECT_EQ(wav.bits_per_sample, 32);
+  const WavData wav = read_wav(tmp.path("raw.wav"));
+  EXPECT_EQ(std::vector<int32_t>({wav.channels, wav.sample_rate, wav.bits_per_sample}),
+            std::vector<int32_t>({4, 16000, 32}));
+  const std::string raw = test::read_file(tmp.path("raw.wav"));
   ASSERT_GE(raw.size(), 256000u);
-  EXPECT_TRUE(std::equal(frames.begin(), frames.begin() + 256000, raw.end() - 256000));
-  EXPECT_EQ(wav.samples[0].size(), 16000u);
+  EXPECT_TRUE(raw.ends_with(frames.substr(0, 256000)));
   EXPECT_NE(r.out.find("\ndirection_lag_samples_ch0_to_ch3: 3\n"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("\nclean exit\n"), std::string::npos);
 }
@@ -160,7 +143,7 @@ class FailureRoad : public testing::TestWithParam<FailureCase> {};
 TEST_P(FailureRoad, Status20AndOnlyWhatWasDone) {
   const FailureCase& c = GetParam();
   test::TempDir tmp;
-  test::write_bytes(tmp.path("good.wav"), test::pcm_wav(4, 16000, 32, noise_pcm(2, 16000, 3)).data);
+  test::write_file(tmp.path("good.wav"), noise_wav(2, 16000, 3));
   test::write_file(tmp.path("bad.wav"), "RIFF....WAVE but far too short");
   test::write_file(tmp.path("old_beam.wav"), "previous beam");
   test::write_file(tmp.path("old_event.json"), "previous manifest");
@@ -218,7 +201,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(OneShotRun, LogInMissingDirectoryStillRunsOnStandardOutput) {
   test::TempDir tmp;
-  test::write_bytes(tmp.path("in.wav"), test::pcm_wav(4, 16000, 32, noise_pcm(1, 2000, 4)).data);
+  test::write_file(tmp.path("in.wav"), noise_wav(1, 2000, 4));
   const test::RunResult r = test::run({test::tool_path(), "--log", "missing/run.log", "--skip-capture", "--output",
                                        "in.wav", "--beamformed", "b.wav", "--event", "e.json"},
                                       {}, tmp.dir.string());
@@ -233,7 +216,7 @@ TEST(OneShotRun, LogInMissingDirectoryStillRunsOnStandardOutput) {
 // on to its end and its files, without SIGPIPE.
 TEST(OneShotRun, StandardOutputClosedByTheReaderIsNotAnError) {
   test::TempDir tmp;
-  test::write_bytes(tmp.path("in.wav"), test::pcm_wav(4, 16000, 32, noise_pcm(1, 2000, 4)).data);
+  test::write_file(tmp.path("in.wav"), noise_wav(1, 2000, 4));
   const test::RunResult r = test::run(
       {"python3", "-c",
        "import os, subprocess, sys\nr, w = os.pipe()\nos.close(r)\n"
@@ -252,18 +235,14 @@ TEST(OneShotRun, StandardOutputClosedByTheReaderIsNotAnError) {
 TEST(OneShotRun, InputCutShortDuringTheReadEndsWithTheReadersMessage) {
   test::TempDir tmp;
   const std::string input = tmp.path("long.wav");
-  {
-    const uint64_t frames = 8000000;  // 128 MB of data
-    test::Bytes header = test::riff(test::fmt_chunk(1, 4, 16000, 32));
-    std::string bytes(header.data.begin(), header.data.end());
-    const uint32_t data_size = static_cast<uint32_t>(frames * 16);
-    bytes += "data";
-    for (int b = 0; b < 4; ++b) bytes += static_cast<char>((data_size >> (8 * b)) & 0xFF);
-    const uint32_t riff_size = static_cast<uint32_t>(bytes.size() - 8 + data_size);
-    for (int b = 0; b < 4; ++b) bytes[4 + b] = static_cast<char>((riff_size >> (8 * b)) & 0xFF);
-    bytes.resize(bytes.size() + data_size, '\x11');
-    test::write_file(input, bytes);
-  }
+  std::string bytes = test::pcm_wav(std::vector<std::vector<double>>(4));  // the header alone
+  const uint32_t data_size = 8000000 * 16;                                 // 128 MB of frames
+  std::string sizes;
+  write_le32(sizes, 36 + data_size);
+  write_le32(sizes, data_size);
+  bytes.replace(4, 4, sizes.substr(0, 4)).replace(40, 4, sizes.substr(4));
+  bytes.resize(44 + data_size, '\x11');
+  test::write_file(input, bytes);
   const int tool = test::spawn({test::tool_path(), "--input-wav", input, "--log", "", "--beamformed",
                                 tmp.path("b.wav"), "--event", tmp.path("e.json")},
                                {}, tmp.path("out"), tmp.path("err"));
@@ -292,9 +271,8 @@ TEST(OneShotRun, EndlessStreamIsReadAsFarAsItsHeaderSays) {
   test::TempDir tmp;
   const std::string fifo = tmp.path("endless.wav");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  test::Bytes header = test::pcm_wav(4, 16000, 32, std::vector<int64_t>(4 * 16000, 0));
-  header.data.resize(44);  // the header of one second; the data follow from the writer
-  test::write_bytes(tmp.path("header"), header.data);
+  // The header of one second; the data follow from the writer.
+  test::write_file(tmp.path("header"), test::pcm_wav(std::vector<std::vector<double>>(4, std::vector<double>(16000))).substr(0, 44));
   const int writer = test::spawn({"sh", "-c", "cat \"$0\" /dev/zero > \"$1\"", tmp.path("header"), fifo}, {},
                                  tmp.path("w.out"), tmp.path("w.err"));
   const test::RunResult r = test::run({test::tool_path(), "--input-wav", fifo, "--log", "", "--beamformed",
@@ -321,7 +299,7 @@ TEST(OneShotRun, FullDiskFailsTheWriteAndKeepsTheEarlierFile) {
   test::write_file(full + "/b.wav", "previous beam");
   test::write_file(full + "/e.json", "previous manifest");
   test::run({"sh", "-c", "cat /dev/zero > \"$0\"/filler", full});  // until ENOSPC
-  test::write_bytes(tmp.path("in.wav"), test::pcm_wav(4, 16000, 32, noise_pcm(1, 2000, 4)).data);
+  test::write_file(tmp.path("in.wav"), noise_wav(1, 2000, 4));
   const std::pair<std::vector<std::string>, std::string> cases[] = {
       {{"--beamformed", full + "/b.wav", "--event", tmp.path("e.json")}, "error: failed to write WAV: " + full + "/b.wav"},
       {{"--beamformed", tmp.path("b.wav"), "--event", full + "/e.json"},
@@ -346,7 +324,7 @@ TEST(OneShotRun, FullDiskFailsTheWriteAndKeepsTheEarlierFile) {
 TEST(OneShotRun, HostileTextStaysValidJson) {
   test::TempDir tmp;
   const std::string odd = "in\x1b[1m\x01\xff.wav";
-  test::write_bytes(tmp.path(odd), test::pcm_wav(4, 16000, 32, noise_pcm(1, 2000, 4)).data);
+  test::write_file(tmp.path(odd), noise_wav(1, 2000, 4));
   const test::RunResult r = test::run({test::tool_path(), "--device", "hw\x02\xc3", "--input-wav", odd, "--log", "",
                                        "--beamformed", "b.wav", "--event", "e.json"},
                                       {}, tmp.dir.string());

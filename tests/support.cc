@@ -10,6 +10,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -38,16 +39,6 @@ std::string read_file(const std::string& path) {
 void write_file(const std::string& path, const std::string& bytes) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out << bytes;
-}
-
-void write_bytes(const std::string& path, const std::vector<uint8_t>& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-}
-
-std::vector<uint8_t> read_bytes(const std::string& path) {
-  const std::string s = read_file(path);
-  return std::vector<uint8_t>(s.begin(), s.end());
 }
 
 namespace {
@@ -166,85 +157,66 @@ WavData record(std::vector<std::vector<double>> channels, int32_t sample_rate, i
   return w;
 }
 
-std::vector<int16_t> library_beam(const std::vector<uint8_t>& frames, std::size_t chunk_frames, std::size_t chunks) {
-  std::vector<int16_t> out;
+std::string library_beam_bytes(const std::string& frames, std::size_t chunk_frames, std::size_t chunks) {
+  std::string pcm;
   const std::size_t available = frames.size() / 16;
   for (std::size_t k = 0; k < chunks; ++k) {
     std::vector<std::vector<double>> channels(4, std::vector<double>(chunk_frames, 0.0));
     for (std::size_t f = 0; f < chunk_frames && k * chunk_frames + f < available; ++f) {
       for (std::size_t c = 0; c < 4; ++c) {
-        const uint8_t* p = frames.data() + ((k * chunk_frames + f) * 4 + c) * 4;
-        const int32_t s = static_cast<int32_t>(p[0] | (p[1] << 8) | (p[2] << 16) | (static_cast<uint32_t>(p[3]) << 24));
+        int32_t s;
+        std::memcpy(&s, frames.data() + ((k * chunk_frames + f) * 4 + c) * 4, 4);  // little-endian host
         channels[c][f] = s / 2147483648.0;
       }
     }
     for (double x : run_chain(record(channels), 0.0, "live processed channel", "processed-live").beam.samples) {
-      out.push_back(pcm16_from_sample(x));
+      write_le16(pcm, static_cast<uint16_t>(pcm16_from_sample(x)));
     }
-  }
-  return out;
-}
-
-std::string library_beam_bytes(const std::vector<uint8_t>& frames, std::size_t chunk_frames, std::size_t chunks) {
-  std::string pcm;
-  for (int16_t v : library_beam(frames, chunk_frames, chunks)) {
-    pcm += static_cast<char>(static_cast<uint16_t>(v) & 0xFF);
-    pcm += static_cast<char>(static_cast<uint16_t>(v) >> 8);
   }
   return pcm;
 }
 
-Bytes& Bytes::str(const std::string& s) {
-  // Byte by byte: GCC 12 warns falsely about the range insert here.
-  for (char c : s) data.push_back(static_cast<uint8_t>(c));
-  return *this;
-}
-Bytes& Bytes::u16(uint32_t v) {
-  data.push_back(static_cast<uint8_t>(v & 0xFF));
-  data.push_back(static_cast<uint8_t>((v >> 8) & 0xFF));
-  return *this;
-}
-Bytes& Bytes::u32(uint32_t v) {
-  for (int s = 0; s < 32; s += 8) data.push_back(static_cast<uint8_t>((v >> s) & 0xFF));
-  return *this;
-}
-Bytes& Bytes::pad(std::size_t n, uint8_t value) {
-  data.insert(data.end(), n, value);
-  return *this;
-}
-Bytes& Bytes::append(const Bytes& other) {
-  data.insert(data.end(), other.data.begin(), other.data.end());
-  return *this;
-}
+namespace {
 
-Bytes fmt_chunk(uint32_t tag, uint32_t channels, uint32_t rate, uint32_t bits, std::size_t extra) {
-  const uint32_t block = channels * bits / 8;
-  Bytes b;
-  b.str("fmt ").u32(static_cast<uint32_t>(16 + extra)).u16(tag).u16(channels).u32(rate).u32(rate * block);
-  b.u16(block).u16(bits).pad(extra);
-  if (extra % 2 == 1) b.pad(1);
-  return b;
-}
-
-Bytes riff(const Bytes& chunks) {
-  Bytes b;
-  b.str("RIFF").u32(static_cast<uint32_t>(4 + chunks.data.size())).str("WAVE").append(chunks);
-  return b;
-}
-
-Bytes pcm_wav(uint32_t channels, uint32_t rate, uint32_t bits, const std::vector<int64_t>& interleaved) {
-  Bytes data;
-  data.str("data").u32(static_cast<uint32_t>(interleaved.size() * bits / 8));
-  for (int64_t v : interleaved) {
-    if (bits == 16) {
-      data.i16(static_cast<int>(v));
-    } else {
-      data.i32(v);
+void append_samples(std::string& out, const std::vector<std::vector<double>>& channels, uint32_t bits) {
+  const double top = bits == 16 ? 32767.0 : 2147483647.0;
+  for (std::size_t f = 0; f < (channels.empty() ? 0 : channels[0].size()); ++f) {
+    for (const auto& channel : channels) {
+      const auto v = static_cast<int64_t>(std::lround(channel[f] * top));
+      if (bits == 16) {
+        write_le16(out, static_cast<uint16_t>(v));
+      } else {
+        write_le32(out, static_cast<uint32_t>(v));
+      }
     }
   }
-  Bytes chunks = fmt_chunk(1, channels, rate, bits);
-  chunks.append(data);
-  return riff(chunks);
+}
+
+}  // namespace
+
+std::string s32_frames(const std::vector<std::vector<double>>& channels) {
+  std::string out;
+  append_samples(out, channels, 32);
+  return out;
+}
+
+std::string pcm_wav(const std::vector<std::vector<double>>& channels, uint32_t rate, uint32_t bits) {
+  std::string data;
+  append_samples(data, channels, bits);
+  const auto block = static_cast<uint32_t>(channels.size() * bits / 8);
+  std::string out = "RIFF";
+  write_le32(out, static_cast<uint32_t>(36 + data.size()));
+  out += "WAVEfmt ";
+  write_le32(out, 16);
+  write_le16(out, 1);
+  write_le16(out, static_cast<uint16_t>(channels.size()));
+  write_le32(out, rate);
+  write_le32(out, rate * block);
+  write_le16(out, static_cast<uint16_t>(block));
+  write_le16(out, static_cast<uint16_t>(bits));
+  out += "data";
+  write_le32(out, static_cast<uint32_t>(data.size()));
+  return out + data;
 }
 
 void write_alsa_file_device(const std::string& config_home, const std::string& name, const std::string& infile) {

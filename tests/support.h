@@ -24,8 +24,6 @@ struct TempDir {
 
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& bytes);
-void write_bytes(const std::string& path, const std::vector<uint8_t>& bytes);
-std::vector<uint8_t> read_bytes(const std::string& path);
 
 // A finished child process.
 struct RunResult {
@@ -69,29 +67,15 @@ WavData record(std::vector<std::vector<double>> channels, int32_t sample_rate = 
 // What live mode must stream for the first `chunks` chunks of interleaved
 // S32_LE `frames` (zeros past their end), computed stage by stage with the
 // library: gain 0 dB, estimate, beam, 16-bit conversion.
-std::vector<int16_t> library_beam(const std::vector<uint8_t>& frames, std::size_t chunk_frames, std::size_t chunks);
+// Returned as s16le bytes.
+std::string library_beam_bytes(const std::string& frames, std::size_t chunk_frames, std::size_t chunks);
 
-// The same as s16le bytes.
-std::string library_beam_bytes(const std::vector<uint8_t>& frames, std::size_t chunk_frames, std::size_t chunks);
+// A canonical PCM WAV file of the given channels (full scale 1.0) at 16 or
+// 32 bits; a sample of 1.0 becomes the largest positive value.
+std::string pcm_wav(const std::vector<std::vector<double>>& channels, uint32_t rate = 16000, uint32_t bits = 32);
 
-// Little-endian byte builder for hand-made WAV files.
-struct Bytes {
-  std::vector<uint8_t> data;
-  Bytes& str(const std::string& s);
-  Bytes& u16(uint32_t v);
-  Bytes& u32(uint32_t v);
-  Bytes& i16(int v) { return u16(static_cast<uint16_t>(v)); }
-  Bytes& i32(int64_t v) { return u32(static_cast<uint32_t>(v)); }
-  Bytes& pad(std::size_t n, uint8_t value = 0);
-  Bytes& append(const Bytes& other);
-};
-
-// "fmt " chunk with the given fields (16-byte body unless extra bytes follow).
-Bytes fmt_chunk(uint32_t tag, uint32_t channels, uint32_t rate, uint32_t bits, std::size_t extra = 0);
-// A RIFF/WAVE file around the given chunks (RIFF size field computed).
-Bytes riff(const Bytes& chunks);
-// A canonical PCM file of interleaved integer samples.
-Bytes pcm_wav(uint32_t channels, uint32_t rate, uint32_t bits, const std::vector<int64_t>& interleaved);
+// Interleaved S32_LE frames of the given channels, as arecord delivers them.
+std::string s32_frames(const std::vector<std::vector<double>>& channels);
 
 // Writes an ALSA configuration defining `pcm.<name>` as a file-backed
 // capture device reading `infile`, under `config_home`/alsa/asoundrc.

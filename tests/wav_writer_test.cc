@@ -35,10 +35,7 @@ TEST(Pcm16FromSample, BoundaryTable) {
 TEST(WriteMonoWav, EmptyFileAndPythonsReader) {
   test::TempDir tmp;
   write_mono_wav(tmp.path("e.wav"), 48000, {});
-  test::Bytes expected;
-  expected.str("RIFF").u32(36).str("WAVE").str("fmt ").u32(16).u16(1).u16(1).u32(48000).u32(96000);
-  expected.u16(2).u16(16).str("data").u32(0);
-  EXPECT_EQ(test::read_bytes(tmp.path("e.wav")), expected.data);
+  EXPECT_EQ(test::read_file(tmp.path("e.wav")), test::pcm_wav({{}}, 48000, 16));
   write_mono_wav(tmp.path("r.wav"), 22050, std::vector<double>(1001, 0.25));
   const test::RunResult py = test::run(
       {"python3", "-c",

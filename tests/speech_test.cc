@@ -38,21 +38,9 @@ std::size_t loudest_second(const std::vector<double>& x) {
   return best;
 }
 
-double correlation(const std::vector<double>& a, const std::vector<double>& b, int shift) {
-  double ab = 0.0, aa = 0.0, bb = 0.0;
-  for (std::size_t i = 16; i + 16 < a.size(); ++i) {
-    const double y = b[static_cast<std::size_t>(static_cast<int64_t>(i) + shift)];
-    ab += a[i] * y;
-    aa += a[i] * a[i];
-    bb += y * y;
-  }
-  return ab / std::sqrt(aa * bb);
-}
-
+// Best centred correlation with the clean speech over shifts of -8..8.
 double best_correlation(const std::vector<double>& clean, const std::vector<double>& x) {
-  double best = -1.0;
-  for (int shift = -8; shift <= 8; ++shift) best = std::max(best, correlation(clean, x, shift));
-  return best;
+  return best_lag(clean, x, 8).peak_correlation;
 }
 
 TEST(Speech, EveryLagFromMinus8To8AndTheBeamBeatsEachChannel) {

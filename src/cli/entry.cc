@@ -9,6 +9,7 @@
 #include "cli/exit_status.h"
 #include "cli/one_shot.h"
 #include "cli/options.h"
+#include "live/capture.h"
 #include "live/live_mode.h"
 #include "util/files.h"
 #include "util/logger.h"
@@ -20,10 +21,8 @@ namespace {
 // Capture (or input selection), then the analysis. May throw.
 int run_one_shot(Options& options, Logger& logger) {
   if (!options.skip_capture) {
-    const std::string command = "arecord -D " + shell_quote(options.device) + " -f S32_LE -r " +
-                                std::to_string(16000) + " -c " + std::to_string(4) + " -d " +
-                                std::to_string(options.duration_seconds) + " -t wav " +
-                                shell_quote(options.output_path);
+    const std::string command =
+        one_shot_capture_command(options.device, options.duration_seconds, options.output_path);
     logger.line("capture command: " + command);
     std::cout.flush();  // our lines before arecord's own output
     const int status = std::system(command.c_str());

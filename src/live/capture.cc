@@ -39,6 +39,11 @@ std::string build_capture_command(const std::string& device) {
          std::to_string(4) + " -t raw";
 }
 
+std::string one_shot_capture_command(const std::string& device, int32_t seconds, const std::string& output_path) {
+  return "arecord -D " + shell_quote(device) + " -f S32_LE -r " + std::to_string(16000) + " -c " + std::to_string(4) +
+         " -d " + std::to_string(seconds) + " -t wav " + shell_quote(output_path);
+}
+
 bool start_capture(CaptureChild& child, Logger& logger) {
   child.refused_start_status.reset();
   int pipe_fds[2];

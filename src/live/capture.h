@@ -38,6 +38,10 @@ constexpr int kStopGraceMilliseconds = 1000;  // before SIGTERM, and again befor
 // "arecord -D <quoted device> -f S32_LE -r 16000 -c 4 -t raw"
 std::string build_capture_command(const std::string& device);
 
+// The one-shot run's recording into a WAV file:
+// "arecord -D <quoted device> -f S32_LE -r 16000 -c 4 -d <seconds> -t wav <quoted path>"
+std::string one_shot_capture_command(const std::string& device, int32_t seconds, const std::string& output_path);
+
 // Starts a child running capture_command. The standard error file is opened
 // without following links or blocking and must be a regular file; when it is
 // not, no child runs and the start counts as a child that ended with status

@@ -1,0 +1,596 @@
+#include "cli/doctor.h"
+
+#include <dirent.h>
+#include <pwd.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <thread>
+
+#include "cli/options.h"
+#include "dsp/diagnostics.h"
+#include "live/capture.h"
+#include "live/live_mode.h"
+#include "report/status_view.h"
+#include "util/text.h"
+
+extern char** environ;
+
+namespace sonderlark {
+namespace {
+
+constexpr double kTapSeconds = 3.0;
+
+std::string db(double v) { return fixed(v, 1); }
+
+double dbfs(double amplitude) { return amplitude > 0.0 ? std::max(-120.0, 20.0 * std::log10(amplitude)) : -120.0; }
+
+// The middle value of `v` without element `skip` (the lower middle for an even count).
+double median_without(std::vector<double> v, std::size_t skip) {
+  v.erase(v.begin() + static_cast<std::ptrdiff_t>(skip));
+  if (v.empty()) return 0.0;
+  std::sort(v.begin(), v.end());
+  return v[(v.size() - 1) / 2];
+}
+
+// Runs a shell command; its standard output and error, and its exit code.
+std::pair<int, std::string> run_command(const std::string& command) {
+  std::string output;
+  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+  if (pipe == nullptr) return {-1, ""};
+  char buffer[4096];
+  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
+  const int status = pclose(pipe);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0), output};
+}
+
+bool on_path(const std::string& program) {
+  const char* path = std::getenv("PATH");
+  std::istringstream dirs(path != nullptr ? path : "");
+  for (std::string dir; std::getline(dirs, dir, ':');) {
+    if (!dir.empty() && access((dir + "/" + program).c_str(), X_OK) == 0) return true;
+  }
+  return false;
+}
+
+std::string last_line(const std::string& text) {
+  std::string line;
+  std::istringstream in(text);
+  for (std::string l; std::getline(in, l);) {
+    if (!l.empty()) line = l;
+  }
+  return line;
+}
+
+std::string load_module_line(const std::string& pcm_path) {
+  return "pactl load-module module-pipe-source source_name=sonderlark_mic file=" + shell_quote(pcm_path) +
+         " format=s16le rate=16000 channels=1";
+}
+
+// The value of `key=` in a module's argument text, quotes removed.
+std::string module_argument(const std::string& args, const std::string& key) {
+  const std::size_t at = args.find(key + "=");
+  if (at == std::string::npos || (at > 0 && args[at - 1] != ' ' && args[at - 1] != '\t')) return "";
+  std::string value = args.substr(at + key.size() + 1);
+  if (!value.empty() && (value[0] == '"' || value[0] == '\'')) {
+    const char quote = value[0];
+    return value.substr(1, value.find(quote, 1) - 1);
+  }
+  return value.substr(0, value.find_first_of(" \t"));
+}
+
+// The sound devices of the ALSA card that `device` names (hw:N, plughw:N),
+// or every sound device.
+std::string card_prefix(const std::string& device) {
+  const std::size_t colon = device.find(':');
+  if (colon != std::string::npos && (device.starts_with("hw:") || device.starts_with("plughw:"))) {
+    const std::string card = device.substr(colon + 1, device.find(',') - colon - 1);
+    if (!card.empty() && std::all_of(card.begin(), card.end(), ::isdigit)) return "/dev/snd/pcmC" + card + "D";
+  }
+  return "/dev/snd/";
+}
+
+}  // namespace
+
+void print_doctor_usage(const char* program) {
+  std::cout << "Usage: " << program
+            << " [--device NAME] [--seconds N] [--tap] [--pcm-output PATH] [--event-output PATH] [--json]\n"
+            << "  --device NAME      ALSA capture device. Default: hw:1,0.\n"
+            << "  --seconds N        Length of the channel recording, 1 to 60 s. Default: 5.\n"
+            << "  --tap              Also check the channel order: tap microphone 0, 1, 2 and 3 in turn.\n"
+            << "  --pcm-output PATH  Virtual microphone FIFO. Default: /tmp/sonderlark-beamformed-mic.pcm.\n"
+            << "  --event-output PATH  Live status file. Default: the live mode's own default.\n"
+            << "  --json             Print one JSON object instead of text.\n"
+            << "Exit status: 0 every check passed, 1 problems found, 2 refused command line.\n";
+}
+
+bool parse_doctor_args(int argc, char** argv, DoctorOptions& options, std::string& error, bool& help) {
+  help = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    auto value = [&](std::string& out) {
+      if (i + 1 >= argc) {
+        error = arg + " requires a value";
+        return false;
+      }
+      out = argv[++i];
+      return true;
+    };
+    std::string text;
+    if (arg == "--help" || arg == "-h") {
+      help = true;
+      return false;
+    } else if (arg == "--device") {
+      if (!value(options.device)) return false;
+    } else if (arg == "--pcm-output") {
+      if (!value(options.pcm_path)) return false;
+    } else if (arg == "--event-output") {
+      if (!value(options.status_path)) return false;
+    } else if (arg == "--seconds") {
+      if (!value(text)) return false;
+      char* end = nullptr;
+      const long n = std::strtol(text.c_str(), &end, 10);
+      if (text.empty() || *end != '\0' || n < 1 || n > 60) {
+        error = "invalid value for --seconds: " + text;
+        return false;
+      }
+      options.seconds = static_cast<int32_t>(n);
+    } else if (arg == "--tap") {
+      options.tap = true;
+    } else if (arg == "--json") {
+      options.json = true;
+    } else {
+      error = "Unknown argument: " + arg;
+      return false;
+    }
+  }
+  return true;
+}
+
+HardwareOffer parse_hw_params(const std::string& dump) {
+  HardwareOffer offer;
+  std::istringstream in(dump);
+  auto trimmed = [](const std::string& s) { return s.substr(std::min(s.find_first_not_of(' '), s.size())); };
+  for (std::string line; std::getline(in, line);) {
+    if (line.starts_with("FORMAT:")) offer.formats = trimmed(line.substr(7));
+    if (line.starts_with("RATE:")) offer.rates = trimmed(line.substr(5));
+    if (line.starts_with("CHANNELS:")) offer.channels = trimmed(line.substr(9));
+  }
+  return offer;
+}
+
+Check device_check(const std::string& device, int exit_code, const std::string& output,
+                   const std::vector<std::string>& holders) {
+  Check c{"device", "ok", device + " accepts 4 channels, S32_LE, 16000 Hz", {}, ""};
+  if (exit_code == 0) return c;
+  c.state = "problem";
+  if (output.find("Device or resource busy") != std::string::npos) {
+    c.message = device + " is busy: another program has it open";
+    for (const std::string& h : holders) c.details.push_back("held by " + h);
+    if (holders.empty()) c.details.push_back("no process of yours holds it: it may be another user's, or a sound server's");
+    c.advice = "stop the program holding it (a running sonderlark --live, arecord, or a sound server that grabbed the card)";
+  } else if (output.find("non available") != std::string::npos) {
+    const HardwareOffer offer = parse_hw_params(output);
+    c.message = device + " refuses 4 channels, S32_LE, 16000 Hz: " + last_line(output);
+    c.details = {"formats offered: " + offer.formats, "rates offered: " + offer.rates,
+                 "channel counts offered: " + offer.channels};
+    c.advice = "pass --device the array's own device (arecord -l lists the cards); a plug or route device may hide its channels";
+  } else if (output.find("No such file or directory") != std::string::npos ||
+             output.find("Unknown PCM") != std::string::npos || output.find("No such device") != std::string::npos) {
+    c.message = "no capture device " + device;
+    c.details = {last_line(output)};
+    c.advice = "plug the array in, and find its name with arecord -l (hw:CARD,DEVICE) or arecord -L";
+  } else {
+    c.message = device + " cannot record: " + last_line(output);
+    c.advice = "run the arecord command of the log by hand to see what ALSA says";
+  }
+  return c;
+}
+
+std::vector<ChannelMeasure> measure_channels(const WavData& recording) {
+  const ChannelDiagnostics d = diagnose_channels(recording, "channel");
+  std::vector<ChannelMeasure> out;
+  for (std::size_t c = 0; c < recording.samples.size(); ++c) {
+    ChannelMeasure m{dbfs(d.rms[c]), dbfs(d.peak[c]), dbfs(d.noise_floor[c]), 0, 0.0};
+    double sum = 0.0;
+    for (double x : recording.samples[c]) {
+      sum += x;
+      if (std::fabs(x) >= kClippingPeakThreshold) ++m.clipped;
+    }
+    if (!recording.samples[c].empty()) m.dc_offset = sum / static_cast<double>(recording.samples[c].size());
+    out.push_back(m);
+  }
+  return out;
+}
+
+Check channels_check(const WavData& recording) {
+  const ChannelDiagnostics d = diagnose_channels(recording, "channel");
+  const std::vector<ChannelMeasure> m = measure_channels(recording);
+  std::vector<double> levels, floors;
+  for (const ChannelMeasure& x : m) {
+    levels.push_back(x.level_dbfs);
+    floors.push_back(x.floor_dbfs);
+  }
+  Check c{"channels", "ok", "", {}, ""};
+  std::vector<std::string> findings;
+  for (std::size_t ch = 0; ch < m.size(); ++ch) {
+    const std::string name = "channel " + std::to_string(ch);
+    const bool dead = d.rms[ch] < kSilenceRmsThreshold || d.peak[ch] < kSilencePeakThreshold;
+    if (dead) {
+      findings.push_back(name + " is dead (level " + db(m[ch].level_dbfs) + " dBFS): its microphone hears nothing; "
+                         "check the array's cable and firmware, or the microphone itself");
+      continue;
+    }
+    if (d.peak[ch] >= kClippingPeakThreshold) {
+      findings.push_back(name + " is clipping (" + std::to_string(m[ch].clipped) +
+                         " samples at full scale): the sound is too loud for it, so its shape is lost");
+    }
+    const double floor_over = m[ch].floor_dbfs - median_without(floors, ch);
+    if (m.size() > 1 && floor_over >= 10.0) {
+      findings.push_back(name + " is much noisier than the others (noise floor " + db(floor_over) +
+                         " dB above theirs): a failing microphone or electrical interference");
+    }
+    const double level_under = median_without(levels, ch) - m[ch].level_dbfs;
+    if (m.size() > 1 && level_under >= 12.0) {
+      findings.push_back(name + " is far quieter than the others (" + db(level_under) +
+                         " dB below them with the same sound): a covered, blocked or failing microphone");
+    }
+  }
+  if (findings.empty()) {
+    c.message = "all " + std::to_string(m.size()) + " channels hear the sound alike";
+  } else {
+    c.state = "problem";
+    c.message = findings[0].substr(0, findings[0].find_first_of("(:") - 1);
+    if (findings.size() > 1) c.message += " (and " + std::to_string(findings.size() - 1) + " more)";
+    c.details = findings;
+    c.advice = "direction estimates are not to be trusted until every channel hears the sound alike";
+  }
+  for (std::size_t ch = 0; ch < m.size(); ++ch) {
+    c.details.push_back("channel " + std::to_string(ch) + ": level " + db(m[ch].level_dbfs) + " dBFS, peak " +
+                        db(m[ch].peak_dbfs) + " dBFS, noise floor " + db(m[ch].floor_dbfs) + " dBFS, clipped " +
+                        std::to_string(m[ch].clipped) + ", DC offset " + fixed(m[ch].dc_offset, 6));
+  }
+  return c;
+}
+
+Check gain_check(const WavData& recording) {
+  double peak = 0.0;
+  for (const auto& channel : recording.samples) {
+    for (double x : channel) peak = std::max(peak, std::fabs(x));
+  }
+  Check c{"gain", "ok", "", {}, ""};
+  if (peak < kSilencePeakThreshold) {
+    c.state = "problem";
+    c.message = "the recording is too quiet to judge (loudest peak " + db(dbfs(peak)) + " dBFS)";
+    c.advice = "speak or play sound near the array while the doctor records, then run it again";
+    return c;
+  }
+  const double gain = std::clamp(std::floor(-6.0 - dbfs(peak)), -60.0, 36.0);
+  c.message = "use --input-gain-db " + fixed(gain, 0) + ": the loudest peak, " + db(dbfs(peak)) +
+              " dBFS, then sits at " + db(dbfs(peak) + gain) + " dBFS";
+  return c;
+}
+
+Check tap_check(const WavData& recording, double tap_seconds) {
+  Check c{"channel order", "ok", "", {}, ""};
+  const auto window = static_cast<std::size_t>(tap_seconds * recording.sample_rate);
+  std::vector<int> found;  // per tap, the channel it reached first and loudest; -1 unclear
+  for (std::size_t tap = 0; tap < 4; ++tap) {
+    double top = 0.0;
+    std::size_t loudest = 0;
+    for (std::size_t ch = 0; ch < recording.samples.size(); ++ch) {
+      for (std::size_t i = tap * window; i < std::min((tap + 1) * window, recording.samples[ch].size()); ++i) {
+        if (std::fabs(recording.samples[ch][i]) > top) {
+          top = std::fabs(recording.samples[ch][i]);
+          loudest = ch;
+        }
+      }
+    }
+    std::size_t earliest = 0, first_onset = SIZE_MAX;
+    for (std::size_t ch = 0; ch < recording.samples.size() && top >= kSilencePeakThreshold; ++ch) {
+      for (std::size_t i = tap * window; i < std::min((tap + 1) * window, recording.samples[ch].size()); ++i) {
+        if (std::fabs(recording.samples[ch][i]) >= 0.25 * top) {
+          if (i < first_onset) {
+            first_onset = i;
+            earliest = ch;
+          }
+          break;
+        }
+      }
+    }
+    const bool clear = top >= kSilencePeakThreshold && earliest == loudest;
+    found.push_back(clear ? static_cast<int>(loudest) : -1);
+    c.details.push_back("tap on microphone " + std::to_string(tap) + ": " +
+                        (top < kSilencePeakThreshold ? std::string("nothing heard")
+                         : clear ? "first and loudest on channel " + std::to_string(loudest)
+                                 : "first on channel " + std::to_string(earliest) + ", loudest on channel " +
+                                       std::to_string(loudest)));
+  }
+  std::string order;
+  for (int f : found) order += (order.empty() ? "" : "-") + (f < 0 ? std::string("?") : std::to_string(f));
+  const auto zero_end = std::find(found.begin(), found.end(), 0);
+  if (zero_end != found.end()) {
+    c.details.push_back("+90 degrees points toward microphone " + std::to_string(zero_end - found.begin()) +
+                        " (the one on channel 0); -90 toward the one on channel 3");
+  }
+  if (found == std::vector<int>{0, 1, 2, 3}) {
+    c.message = "taps on microphones 0, 1, 2, 3 reached channels 0-1-2-3: the order is right";
+    return c;
+  }
+  c.state = "problem";
+  c.message = "taps on microphones 0, 1, 2, 3 reached channels " + order + " instead of 0-1-2-3";
+  std::vector<std::string> swaps;
+  for (int a = 0; a < 4; ++a) {
+    const int b = found[static_cast<std::size_t>(a)];
+    if (b > a && found[static_cast<std::size_t>(b)] == a) {
+      swaps.push_back("channels " + std::to_string(a) + " and " + std::to_string(b) + " look swapped");
+    } else if (b >= 0 && b != a && found[static_cast<std::size_t>(b)] != a) {
+      swaps.push_back("microphone " + std::to_string(a) + " arrives on channel " + std::to_string(b));
+    }
+  }
+  c.details.insert(c.details.begin(), swaps.begin(), swaps.end());
+  c.advice = order.find('?') != std::string::npos
+                 ? "tap each microphone once, firmly, in its window, in a quiet room, and run again"
+                 : "fix the channel order in the array's wiring or firmware; until then directions are mirrored or wrong";
+  return c;
+}
+
+Check virtual_mic_check(const std::string& pcm_path, const std::string& modules,
+                        const std::vector<std::string>& readers) {
+  Check c{"virtual microphone", "ok", "", {}, ""};
+  struct stat st {};
+  std::string owner;
+  if (lstat(pcm_path.c_str(), &st) == 0) {
+    const passwd* pw = getpwuid(st.st_uid);
+    owner = pw != nullptr ? pw->pw_name : std::to_string(st.st_uid);
+    c.details.push_back(pcm_path + ": " + (S_ISFIFO(st.st_mode) ? "a FIFO" : "not a FIFO") + ", owned by " + owner);
+  } else {
+    c.details.push_back(pcm_path + " does not exist");
+  }
+  // The pipe source for this path, if one is loaded.
+  std::string index, args;
+  std::istringstream lines(modules);
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream fields(line);
+    std::string idx, name;
+    std::getline(fields, idx, '\t');
+    std::getline(fields, name, '\t');
+    std::string rest;
+    std::getline(fields, rest, '\t');
+    if (name == "module-pipe-source" && module_argument(rest, "file") == pcm_path) {
+      index = idx;
+      args = rest;
+    }
+  }
+  for (const std::string& r : readers) c.details.push_back("held open by " + r);
+  if (modules.empty()) c.details.push_back("no PulseAudio or PipeWire server answered pactl");
+  if (index.empty()) {
+    c.state = "problem";
+    c.message = "no module-pipe-source is loaded for " + pcm_path;
+    c.advice = "load it (it makes the FIFO itself; remove anything at the path first): " + load_module_line(pcm_path);
+    return c;
+  }
+  const std::string format = module_argument(args, "format"), rate = module_argument(args, "rate");
+  const std::string channels = module_argument(args, "channels");
+  c.details.push_back("module " + index + ": format=" + format + " rate=" + rate + " channels=" + channels);
+  if (format != "s16le" || rate != "16000" || channels != "1") {
+    c.state = "problem";
+    c.message = "the pipe source for " + pcm_path + " expects " + format + ", " + rate + " Hz, " + channels +
+                " channels; the tool writes s16le, 16000 Hz, 1 channel";
+    c.advice = "reload it: pactl unload-module " + index + "; " + load_module_line(pcm_path);
+  } else if (!S_ISFIFO(st.st_mode) || (st.st_uid != geteuid() && st.st_uid != 0)) {
+    c.state = "problem";
+    c.message = pcm_path + " is not a FIFO of yours";
+    c.advice = "unload the module, remove the path, and load the module again";
+  } else {
+    c.message = pcm_path + " feeds module-pipe-source " + index + " (s16le, 16000 Hz, mono)";
+  }
+  return c;
+}
+
+Check status_check(const std::string& status_path, double now) {
+  Check c{"live status", "ok", "", {}, ""};
+  StatusRecord record;
+  const RecordState state = read_status_record(status_path, now, record);
+  if (state == RecordState::kMissing) {
+    c.state = "skipped";
+    c.message = "no status file at " + status_path + ": no live run has written one there";
+    return c;
+  }
+  if (state == RecordState::kTorn) {
+    c.state = "problem";
+    c.message = status_path + " is not a complete status record";
+    c.advice = "a live run replaces the file whole after every chunk; something else wrote this one, or a disk filled up";
+    return c;
+  }
+  const double age = now - static_cast<double>(record.time);
+  c.details = {"status " + record.status + ", written " + fixed(age, 0) + " s ago, " +
+               std::to_string(record.chunks_processed) + " chunks, device " + record.device};
+  if (record.status == "running" && age > 5.0) {
+    c.state = "problem";
+    c.message = "the last record says running but is " + fixed(age, 0) + " s old: the live run died or stalled";
+    c.advice = "look at its log (journalctl --user -u sonderlark-live -e) and start it again";
+  } else if (record.status == "degraded") {
+    c.state = "problem";
+    c.message = "the live run gave up: " + record.error + " (arecord exit code " +
+                std::to_string(record.arecord_exit_code) + ")";
+    if (!record.arecord_stderr.empty()) c.details.push_back("arecord said: " + record.arecord_stderr);
+    c.advice = "run the device check of this program, fix what it finds, then start live mode again";
+  } else {
+    c.message = "status " + record.status + ", " + fixed(age, 0) + " s old";
+  }
+  return c;
+}
+
+std::vector<std::string> processes_holding(const std::string& prefix) {
+  std::vector<std::string> out;
+  std::error_code ec;
+  for (const auto& proc : std::filesystem::directory_iterator("/proc", ec)) {
+    const std::string pid = proc.path().filename().string();
+    if (!std::all_of(pid.begin(), pid.end(), ::isdigit) || pid == std::to_string(getpid())) continue;
+    std::error_code fd_ec;
+    for (const auto& fd : std::filesystem::directory_iterator(proc.path() / "fd", fd_ec)) {
+      std::error_code link_ec;
+      if (std::filesystem::read_symlink(fd.path(), link_ec).string().starts_with(prefix)) {
+        std::string comm = last_line(read_text_file((proc.path() / "comm").string()));
+        out.push_back(pid + " (" + comm + ")");
+        break;
+      }
+    }
+  }
+  return out;
+}
+
+std::string doctor_text(const std::vector<Check>& checks) {
+  std::string out;
+  int counts[3] = {0, 0, 0};
+  for (const Check& c : checks) {
+    const std::string tag = "[" + c.state + "]";
+    out += tag + std::string(10 - tag.size(), ' ') + c.name + ": " + c.message + "\n";
+    for (const std::string& d : c.details) out += "          " + d + "\n";
+    if (!c.advice.empty()) out += "          what to do: " + c.advice + "\n";
+    ++counts[c.state == "ok" ? 0 : c.state == "problem" ? 1 : 2];
+  }
+  return out + "summary: " + std::to_string(counts[0]) + " ok, " + std::to_string(counts[1]) + " problem" +
+         (counts[1] == 1 ? "" : "s") + ", " + std::to_string(counts[2]) + " skipped\n";
+}
+
+std::string doctor_json(const std::string& device, const std::vector<Check>& checks) {
+  nlohmann::ordered_json j;
+  j["device"] = device;
+  j["checks"] = nlohmann::ordered_json::array();
+  int counts[3] = {0, 0, 0};
+  for (const Check& c : checks) {
+    j["checks"].push_back(
+        {{"name", c.name}, {"state", c.state}, {"message", c.message}, {"details", c.details}, {"advice", c.advice}});
+    ++counts[c.state == "ok" ? 0 : c.state == "problem" ? 1 : 2];
+  }
+  j["ok"] = counts[0];
+  j["problems"] = counts[1];
+  j["skipped"] = counts[2];
+  return j.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+}
+
+namespace {
+
+// Records `seconds` through the one-shot run's capture command; on the way,
+// `during(elapsed)` is called every 100 ms while arecord runs.
+std::pair<int, std::string> record(const std::string& device, double seconds, const std::string& path,
+                                   const std::function<void(double)>& during) {
+  const std::string command =
+      one_shot_capture_command(device, static_cast<int32_t>(std::ceil(seconds)), path) + " >" +
+      shell_quote(path + ".out") + " 2>&1";
+  const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+  pid_t pid = -1;
+  if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0) return {-1, ""};
+  const auto start = std::chrono::steady_clock::now();
+  int status = 0;
+  while (waitpid(pid, &status, WNOHANG) == 0) {
+    during(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128, read_text_file(path + ".out")};
+}
+
+}  // namespace
+
+int run_doctor(int argc, char** argv) {
+  DoctorOptions options;
+  std::string error;
+  bool help = false;
+  const char* program = argc > 0 && argv[0] != nullptr ? argv[0] : "sonderlark-doctor";
+  if (!parse_doctor_args(argc, argv, options, error, help)) {
+    if (!error.empty()) std::cerr << error << '\n';
+    print_doctor_usage(program);
+    return help ? 0 : 2;
+  }
+  if (options.pcm_path.empty()) options.pcm_path = Options{}.pcm_output_path;
+  if (options.status_path.empty()) options.status_path = choose_status_path(Options{});
+
+  std::vector<Check> checks;
+  std::string skip_reason;
+  if (!on_path("arecord")) {
+    checks.push_back({"device", "problem", "arecord is not installed", {}, "install alsa-utils (apt install alsa-utils)"});
+    skip_reason = "arecord is not installed";
+  } else {
+    const auto [code, output] = run_command("timeout 15 arecord -D " + shell_quote(options.device) +
+                                            " --dump-hw-params -f S32_LE -r 16000 -c 4 -s 1 -t raw /dev/null");
+    checks.push_back(device_check(options.device, code, output, processes_holding(card_prefix(options.device))));
+    if (code != 0) skip_reason = "the device check failed";
+  }
+
+  char folder[] = "/tmp/sonderlark-doctor-XXXXXX";
+  const bool have_folder = skip_reason.empty() && mkdtemp(folder) != nullptr;
+  WavData recording;
+  if (skip_reason.empty()) {
+    const std::string wav = std::string(folder) + "/channels.wav";
+    const auto [code, output] = record(options.device, options.seconds, wav, [](double) {});
+    try {
+      if (code != 0) throw std::runtime_error("arecord exited with status " + std::to_string(code) + ": " + last_line(output));
+      recording = read_wav(wav);
+      checks.push_back(channels_check(recording));
+      checks.push_back(gain_check(recording));
+    } catch (const std::exception& e) {
+      checks.push_back({"channels", "problem", std::string("no recording: ") + e.what(), {}, ""});
+      skip_reason = "there is no recording";
+    }
+  }
+  if (!skip_reason.empty()) {
+    if (checks.size() == 1) checks.push_back({"channels", "skipped", "not recorded: " + skip_reason, {}, ""});
+    checks.push_back({"gain", "skipped", "not judged: " + skip_reason, {}, ""});
+  }
+
+  if (!options.tap) {
+    checks.push_back({"channel order", "skipped", "run sonderlark-doctor --tap to check which channel is which microphone",
+                      {}, ""});
+  } else if (!skip_reason.empty()) {
+    checks.push_back({"channel order", "skipped", "not checked: " + skip_reason, {}, ""});
+  } else {
+    std::cerr << "Channel order: tap microphone 0, 1, 2 and 3 in turn, once each, " << kTapSeconds
+              << " s apart, starting when the recording starts. Press Enter to start.\n";
+    std::string answer;
+    if (!std::getline(std::cin, answer)) {
+      checks.push_back({"channel order", "skipped", "no answer on standard input", {}, ""});
+    } else {
+      int prompted = -1;
+      const std::string wav = std::string(folder) + "/taps.wav";
+      const auto [code, output] = record(options.device, 4 * kTapSeconds, wav, [&](double elapsed) {
+        const int tap = static_cast<int>(elapsed / kTapSeconds);
+        if (tap < 4 && tap > prompted) {
+          prompted = tap;
+          std::cerr << "now tap microphone " << tap << "\n";
+        }
+      });
+      try {
+        if (code != 0) throw std::runtime_error("arecord exited with status " + std::to_string(code));
+        checks.push_back(tap_check(read_wav(wav), kTapSeconds));
+      } catch (const std::exception& e) {
+        checks.push_back({"channel order", "problem", std::string("no recording: ") + e.what(), {}, ""});
+      }
+    }
+  }
+  if (have_folder) std::filesystem::remove_all(folder);
+
+  const auto [pactl_code, modules] = on_path("pactl") ? run_command("timeout 10 pactl list modules short")
+                                                       : std::pair<int, std::string>{-1, ""};
+  checks.push_back(virtual_mic_check(options.pcm_path, pactl_code == 0 ? modules : "",
+                                     processes_holding(options.pcm_path)));
+  checks.push_back(status_check(options.status_path, wall_clock_seconds()));
+
+  std::cout << (options.json ? doctor_json(options.device, checks) : doctor_text(checks));
+  return std::any_of(checks.begin(), checks.end(), [](const Check& c) { return c.state == "problem"; }) ? 1 : 0;
+}
+
+}  // namespace sonderlark

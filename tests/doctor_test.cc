@@ -1,0 +1,227 @@
+// sonderlark-doctor against the real arecord on file-backed ALSA devices
+// fed by sonderlark-sim recordings made for each case.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+
+#include <filesystem>
+#include <regex>
+
+#include "cli/doctor.h"
+#include "cli/options.h"
+#include "report/live_status.h"
+#include "support.h"
+
+namespace sonderlark {
+namespace {
+
+namespace fs = std::filesystem;
+using Env = std::map<std::string, std::optional<std::string>>;
+
+std::string doctor_path() { return test::sim_path().substr(0, test::sim_path().rfind('/')) + "/sonderlark-doctor"; }
+
+// Noise bursts with pauses (the noise floor lies in the pauses), and a click
+// at 0.5 s of a 3-s window, as mono 16-kHz sources.
+std::string source(const test::TempDir& tmp, const std::string& kind) {
+  const std::string path = tmp.path(kind + ".wav");
+  const std::vector<std::string> synth =
+      kind == "click" ? std::vector<std::string>{"synth", "0.004", "sine", "2000", "vol", "0.8", "pad", "0.5", "2.496"}
+                      : std::vector<std::string>{"synth", "1", "whitenoise", "vol", "0.3", "pad", "0", "1"};
+  std::vector<std::string> argv = {"sox", "-R", "-n", "-r", "16000", "-b", "16", "-c", "1", path};
+  argv.insert(argv.end(), synth.begin(), synth.end());
+  EXPECT_EQ(test::run(argv).exit_code, 0);
+  return path;
+}
+
+// Raw frames of the array as `sonderlark-sim` makes them from `input`.
+std::string simulate(const test::TempDir& tmp, const std::string& input, std::vector<std::string> options) {
+  std::vector<std::string> argv = {test::sim_path(), "--input", input, "--output", tmp.path("part.raw"), "--raw"};
+  argv.insert(argv.end(), options.begin(), options.end());
+  const test::RunResult r = test::run(argv);
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  return test::read_file(tmp.path("part.raw"));
+}
+
+// Runs the doctor against the ALSA configuration under `tmp`, with `input`
+// on standard input; the PCM and status paths default to files in `tmp`.
+test::RunResult doctor(const test::TempDir& tmp, std::vector<std::string> args, const std::string& input = "",
+                       Env env = {}) {
+  std::vector<std::string> argv = {"sh", "-c", "printf '%s' \"$0\" | \"$@\"", input, doctor_path(), "--seconds", "2",
+                                   "--pcm-output", tmp.path("mic.pcm"), "--event-output", tmp.path("status.json")};
+  argv.insert(argv.end(), args.begin(), args.end());
+  env["XDG_CONFIG_HOME"] = tmp.path("config");
+  return test::run(argv, env);
+}
+
+// "name=state ..." of every check of a --json answer, through Python's json.
+std::string states(const std::string& json_text) {
+  test::TempDir tmp;
+  test::write_file(tmp.path("answer.json"), json_text);
+  return test::run({"python3", "-c",
+                    "import json, sys\nd = json.load(open(sys.argv[1]))\n"
+                    "assert d['problems'] == sum(c['state'] == 'problem' for c in d['checks'])\n"
+                    "print(' '.join(c['name'].replace(' ', '_') + '=' + c['state'] for c in d['checks']), end='')",
+                    tmp.path("answer.json")})
+      .out;
+}
+
+struct DoctorCase {
+  std::string name;
+  std::vector<std::string> sim;  // sonderlark-sim options; empty: the case sets the device up itself
+  std::string states;            // of device, channels, gain, channel order
+  std::string detail;            // a line of the answer
+};
+
+void PrintTo(const DoctorCase& c, std::ostream* os) { *os << c.name; }
+
+class Doctor : public testing::TestWithParam<DoctorCase> {};
+
+TEST_P(Doctor, FindsWhatIsWrongWithTheArray) {
+  const DoctorCase& c = GetParam();
+  test::TempDir tmp;
+  std::string device = "sonderlark_array";
+  std::vector<std::string> args;
+  std::string input;
+  if (c.name == "swapped_channels") {
+    // The device plays one tap per microphone in turn; the user presses Enter.
+    std::string taps;
+    for (int mic = 0; mic < 4; ++mic) {
+      taps += simulate(tmp, source(tmp, "click"),
+                       {"--tap", std::to_string(mic), "--noise-rms", "0.0005", "--swap", "1:2", "--seed", std::to_string(mic)});
+    }
+    test::write_file(tmp.path("frames.raw"), taps);
+    args = {"--tap"};
+    input = "\n";
+  } else if (!c.sim.empty()) {
+    std::vector<std::string> sim = {"--lag", "2", "--noise-rms", "0.001"};
+    sim.insert(sim.end(), c.sim.begin(), c.sim.end());
+    test::write_file(tmp.path("frames.raw"), simulate(tmp, source(tmp, "bursts"), sim));
+  }
+  if (!fs::exists(tmp.path("frames.raw"))) test::write_file(tmp.path("frames.raw"), std::string(64000, '\0'));
+  test::write_alsa_file_device(tmp.path("config"), "sonderlark_array", tmp.path("frames.raw"));
+  if (c.name == "two_channel_device") {
+    // A device that offers two channels only: two file devices side by side.
+    const std::string first = test::read_file(tmp.path("config/alsa/asoundrc"));
+    std::string second = first;
+    second.replace(second.find("sonderlark_array"), 16, "second_array");
+    test::write_file(tmp.path("config/alsa/asoundrc"),
+                     first + second +
+                         "pcm.stereo { type multi slaves.a.pcm \"sonderlark_array\" slaves.a.channels 1 "
+                         "slaves.b.pcm \"second_array\" slaves.b.channels 1 bindings.0.slave a "
+                         "bindings.0.channel 0 bindings.1.slave b bindings.1.channel 0 }\n");
+    device = "stereo";
+  }
+  if (c.name == "missing_device") device = "no_such_device";
+  args.insert(args.end(), {"--device", device});
+
+  args.push_back("--json");
+  const test::RunResult r = doctor(tmp, args, input);
+  EXPECT_EQ(r.exit_code, 1) << r.out << r.err;  // no virtual microphone here, at least
+  EXPECT_EQ(states(r.out), c.states + " virtual_microphone=problem live_status=skipped") << r.out;
+  EXPECT_NE(r.out.find(c.detail), std::string::npos) << r.out;
+  if (c.name == "dead_channel") {
+    // The text answer, whole.
+    args.pop_back();
+    std::string text = std::regex_replace(doctor(tmp, args).out, std::regex(tmp.dir.string()), "TMP");
+    const std::string golden = test::source_path("tests/golden/doctor_dead_channel.txt");
+    if (std::getenv("SONDERLARK_UPDATE_GOLDEN") != nullptr) test::write_file(golden, text);
+    EXPECT_EQ(text, test::read_file(golden));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Arrays, Doctor,
+    testing::Values(
+        DoctorCase{"all_fine", {"--seed", "3"}, "device=ok channels=ok gain=ok channel_order=skipped",
+                   "use --input-gain-db 3: the loudest peak, -9.6 dBFS"},
+        DoctorCase{"dead_channel", {"--dead-channel", "2"}, "device=ok channels=problem gain=ok channel_order=skipped",
+                   "channel 2 is dead (level -120.0 dBFS)"},
+        DoctorCase{"clipping_channel", {"--channel-gain-db", "1:30"},
+                   "device=ok channels=problem gain=ok channel_order=skipped", "channel 1 is clipping ("},
+        DoctorCase{"noisy_channel", {"--channel-noise-rms", "3:0.01"},
+                   "device=ok channels=problem gain=ok channel_order=skipped",
+                   "channel 3 is much noisier than the others (noise floor 19."},
+        DoctorCase{"quiet_channel", {"--channel-gain-db", "0:-15"},
+                   "device=ok channels=problem gain=ok channel_order=skipped",
+                   "channel 0 is far quieter than the others (15.0 dB below them"},
+        DoctorCase{"swapped_channels", {}, "device=ok channels=ok gain=ok channel_order=problem",
+                   "channels 1 and 2 look swapped"},
+        DoctorCase{"missing_device", {}, "device=problem channels=skipped gain=skipped channel_order=skipped",
+                   "no capture device no_such_device"},
+        DoctorCase{"two_channel_device", {}, "device=problem channels=skipped gain=skipped channel_order=skipped",
+                   "channel counts offered: 2"}),
+    [](const auto& info) { return info.param.name; });
+
+// A busy device names the processes that hold the card. This machine has no
+// sound card to hold, so arecord's answer comes from a stand-in, and the
+// search for holders is shown on a file held open by a child.
+TEST(DoctorDevice, BusyDeviceNamesItsHolders) {
+  test::TempDir tmp;
+  fs::create_directories(tmp.path("bin"));
+  test::write_file(tmp.path("bin/arecord"),
+                   "#!/bin/sh\necho 'arecord: main:831: audio open error: Device or resource busy' >&2\nexit 1\n");
+  fs::permissions(tmp.path("bin/arecord"), fs::perms::owner_all);
+  const test::RunResult r =
+      doctor(tmp, {"--device", "hw:7,0"}, "", {{"PATH", tmp.path("bin") + ":" + std::getenv("PATH")}});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.out.find("[problem] device: hw:7,0 is busy: another program has it open\n"), std::string::npos) << r.out;
+
+  test::write_file(tmp.path("pcmC7D0c"), "");
+  const int holder = test::spawn({"sh", "-c", "exec sleep 30 < \"$0\"", tmp.path("pcmC7D0c")}, {}, tmp.path("h.out"),
+                                 tmp.path("h.err"));
+  std::vector<std::string> holders;
+  for (int i = 0; i < 200 && holders.empty(); ++i) {
+    holders = processes_holding(tmp.path("pcmC7D"));
+    if (holders.empty()) usleep(10000);
+  }
+  EXPECT_EQ(holders, std::vector<std::string>{std::to_string(holder) + " (sleep)"});
+  kill(holder, SIGTERM);
+  test::wait_child(holder);
+  EXPECT_NE(device_check("hw:7,0", 1, "Device or resource busy", holders).details[0].find("held by "),
+            std::string::npos);
+}
+
+TEST(DoctorStatus, FreshStaleTornAndMissing) {
+  test::TempDir tmp;
+  auto write = [&](const std::string& status, int seconds_ago) {
+    write_live_event_json(tmp.path("status.json"), Options{}, DirectionEstimate{}, ChannelDiagnostics{}, false, 42,
+                          false, true, status, status == "degraded" ? "arecord exited with nonzero status" : "",
+                          "arecord", 1, "");
+    std::string text = test::read_file(tmp.path("status.json"));
+    const std::time_t then = std::time(nullptr) - seconds_ago;
+    char stamp[32];
+    std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%SZ", std::gmtime(&then));
+    text.replace(text.find("\"timestamp\": \"") + 14, 20, stamp);
+    test::write_file(tmp.path("status.json"), text);
+  };
+  const std::pair<std::function<void()>, std::string> cases[] = {
+      {[&] { write("running", 0); }, "[ok]      live status: status running, "},
+      {[&] { write("running", 60); }, "[problem] live status: the last record says running but is 6"},
+      {[&] { write("degraded", 0); }, "[problem] live status: the live run gave up: arecord exited with nonzero "
+                                      "status (arecord exit code 1)\n"},
+      {[&] { test::write_file(tmp.path("status.json"), "{\"timestamp\": \"20"); },
+       "[problem] live status: " + tmp.path("status.json") + " is not a complete status record\n"},
+      {[&] { fs::remove(tmp.path("status.json")); }, "[skipped] live status: no status file at "},
+  };
+  for (const auto& [setup, line] : cases) {
+    SCOPED_TRACE(line);
+    setup();
+    EXPECT_NE(doctor(tmp, {"--device", "no_such_device"}).out.find(line), std::string::npos);
+  }
+}
+
+TEST(DoctorCommandLine, HelpAndRefusals) {
+  EXPECT_EQ(test::run({doctor_path(), "--help"}).exit_code, 0);
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"--seconds", "0"}, {"--seconds", "x"}, {"--bogus"}, {"--device"}}) {
+    std::vector<std::string> argv = {doctor_path()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    const test::RunResult r = test::run(argv);
+    EXPECT_EQ(r.exit_code, 2);
+    EXPECT_TRUE(r.out.starts_with("Usage: ")) << r.out;
+    EXPECT_FALSE(r.err.empty());
+  }
+}
+
+}  // namespace
+}  // namespace sonderlark

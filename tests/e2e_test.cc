@@ -26,18 +26,22 @@ using Env = std::map<std::string, std::optional<std::string>>;
 struct PulseServer {
   const test::TempDir& tmp;
   std::string fifo;
+  std::string source_settings;
   Env env;
   int pid = -1;
 
-  PulseServer(const test::TempDir& dir, const std::string& fifo_path) : tmp(dir), fifo(fifo_path) {
+  // `source` the pipe source's settings; empty: no pipe source at all.
+  PulseServer(const test::TempDir& dir, const std::string& fifo_path,
+              const std::string& source = "format=s16le rate=16000 channels=1")
+      : tmp(dir), fifo(fifo_path), source_settings(source) {
     fs::create_directories(tmp.path("run"));
     fs::permissions(tmp.path("run"), fs::perms::owner_all);
     env = {{"XDG_RUNTIME_DIR", tmp.path("run")}, {"HOME", tmp.dir.string()}, {"PULSE_SERVER", std::nullopt}};
     test::write_file(tmp.path("pa.pa"),
                      "load-module module-native-protocol-unix\n"
-                     "load-module module-null-sink sink_name=nullsink\n"
-                     "load-module module-pipe-source source_name=sonderlark_mic file=" + fifo +
-                         " format=s16le rate=16000 channels=1\n");
+                     "load-module module-null-sink sink_name=nullsink\n" +
+                         (source.empty() ? "" : "load-module module-pipe-source source_name=sonderlark_mic file=" +
+                                                    fifo + " " + source + "\n"));
   }
   ~PulseServer() { stop(); }
 
@@ -47,7 +51,10 @@ struct PulseServer {
     // Ready when the source is listed and its FIFO exists.
     for (int i = 0; i < 100; ++i) {
       const test::RunResult r = test::run({"pactl", "list", "short", "sources"}, env);
-      if (r.out.find("sonderlark_mic") != std::string::npos && fs::exists(fifo)) return;
+      if (r.exit_code == 0 && (source_settings.empty() || (r.out.find("sonderlark_mic") != std::string::npos &&
+                                                          fs::exists(fifo)))) {
+        return;
+      }
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     FAIL() << "pulseaudio did not come up: " << test::read_file(tmp.path(log_name + ".err"));
@@ -203,6 +210,38 @@ TEST(VirtualMicrophone, ServerRestartDisconnectsAndReconnects) {
   EXPECT_GT(while_down, before_restart + 10);
   EXPECT_GT(chunks_now(), while_down + 10);
   EXPECT_NE(test::read_file(tmp.path("status.json")).find("\"status\": \"stopped\""), std::string::npos);
+}
+
+// sonderlark-doctor's virtual microphone check against a real server: the
+// pipe source as the tool needs it (every check passes), missing, at a wrong rate.
+TEST(VirtualMicrophone, DoctorChecksThePipeSource) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"format=s16le rate=16000 channels=1", "[ok]      virtual microphone: "},
+      {"", "what to do: load it (it makes the FIFO itself; remove anything at the path first): pactl load-module "
+           "module-pipe-source source_name=sonderlark_mic file="},
+      {"format=s16le rate=48000 channels=1", "[problem] virtual microphone: the pipe source for "},
+  };
+  for (const auto& [settings, line] : cases) {
+    SCOPED_TRACE(settings);
+    test::TempDir tmp;
+    const std::string fifo = tmp.path("mic.pcm");
+    PulseServer pulse(tmp, fifo, settings);
+    pulse.start("pulse");
+    test::write_file(tmp.path("frames.raw"), test::s32_frames(test::array_noise(2, 40000, 0.3, 1)));
+    test::write_alsa_file_device(tmp.path("config"), "sonderlark_array", tmp.path("frames.raw"));
+    Env env = pulse.env;
+    env["XDG_CONFIG_HOME"] = tmp.path("config");
+    const std::string doctor = test::sim_path().substr(0, test::sim_path().rfind('/')) + "/sonderlark-doctor";
+    const test::RunResult r = test::run({doctor, "--device", "sonderlark_array", "--seconds", "2", "--pcm-output", fifo,
+                                         "--event-output", tmp.path("status.json")},
+                                        env);
+    EXPECT_EQ(r.exit_code, settings == "format=s16le rate=16000 channels=1" ? 0 : 1) << r.out;
+    EXPECT_NE(r.out.find(line), std::string::npos) << r.out;
+    if (settings.find("48000") != std::string::npos) {
+      EXPECT_NE(r.out.find("expects s16le, 48000 Hz, 1 channels; the tool writes s16le, 16000 Hz, 1 channel"),
+                std::string::npos);
+    }
+  }
 }
 
 }  // namespace

@@ -5,7 +5,9 @@
 #include <signal.h>
 
 #include <filesystem>
+#include <functional>
 #include <regex>
+#include <tuple>
 
 #include "cli/doctor.h"
 #include "cli/options.h"
@@ -194,19 +196,22 @@ TEST(DoctorStatus, FreshStaleTornAndMissing) {
     text.replace(text.find("\"timestamp\": \"") + 14, 20, stamp);
     test::write_file(tmp.path("status.json"), text);
   };
-  const std::pair<std::function<void()>, std::string> cases[] = {
-      {[&] { write("running", 0); }, "[ok]      live status: status running, "},
-      {[&] { write("running", 60); }, "[problem] live status: the last record says running but is 6"},
-      {[&] { write("degraded", 0); }, "[problem] live status: the live run gave up: arecord exited with nonzero "
-                                      "status (arecord exit code 1)\n"},
-      {[&] { test::write_file(tmp.path("status.json"), "{\"timestamp\": \"20"); },
-       "[problem] live status: " + tmp.path("status.json") + " is not a complete status record\n"},
-      {[&] { fs::remove(tmp.path("status.json")); }, "[skipped] live status: no status file at "},
+  const std::vector<std::tuple<std::function<void()>, std::string, std::string>> cases = {
+      {[&] { write("running", 0); }, "ok", "\"status running, "},
+      {[&] { write("running", 60); }, "problem", "\"the last record says running but is 6"},
+      {[&] { write("degraded", 0); }, "problem",
+       "\"the live run gave up: arecord exited with nonzero status (arecord exit code 1)\""},
+      {[&] { test::write_file(tmp.path("status.json"), "{\"timestamp\": \"20"); }, "problem",
+       "\"" + tmp.path("status.json") + " is not a complete status record\""},
+      {[&] { fs::remove(tmp.path("status.json")); }, "skipped", "\"no status file at "},
   };
-  for (const auto& [setup, line] : cases) {
-    SCOPED_TRACE(line);
+  for (const auto& [setup, state, message] : cases) {
+    SCOPED_TRACE(message);
     setup();
-    EXPECT_NE(doctor(tmp, {"--device", "no_such_device"}).out.find(line), std::string::npos);
+    const test::RunResult r = doctor(tmp, {"--device", "no_such_device", "--json"});
+    EXPECT_EQ(r.exit_code, 1);  // the device, at least
+    EXPECT_TRUE(states(r.out).ends_with(" live_status=" + state)) << r.out;
+    EXPECT_NE(r.out.find(message), std::string::npos) << r.out;
   }
 }
 

@@ -216,12 +216,11 @@ TEST(VirtualMicrophone, ServerRestartDisconnectsAndReconnects) {
 // pipe source as the tool needs it (every check passes), missing, at a wrong rate.
 TEST(VirtualMicrophone, DoctorChecksThePipeSource) {
   const std::vector<std::pair<std::string, std::string>> cases = {
-      {"format=s16le rate=16000 channels=1", "[ok]      virtual microphone: "},
-      {"", "what to do: load it (it makes the FIFO itself; remove anything at the path first): pactl load-module "
-           "module-pipe-source source_name=sonderlark_mic file="},
-      {"format=s16le rate=48000 channels=1", "[problem] virtual microphone: the pipe source for "},
+      {"format=s16le rate=16000 channels=1", "virtual_microphone=ok"},
+      {"", "virtual_microphone=problem"},
+      {"format=s16le rate=48000 channels=1", "virtual_microphone=problem"},
   };
-  for (const auto& [settings, line] : cases) {
+  for (const auto& [settings, state] : cases) {
     SCOPED_TRACE(settings);
     test::TempDir tmp;
     const std::string fifo = tmp.path("mic.pcm");
@@ -233,14 +232,22 @@ TEST(VirtualMicrophone, DoctorChecksThePipeSource) {
     env["XDG_CONFIG_HOME"] = tmp.path("config");
     const std::string doctor = test::sim_path().substr(0, test::sim_path().rfind('/')) + "/sonderlark-doctor";
     const test::RunResult r = test::run({doctor, "--device", "sonderlark_array", "--seconds", "2", "--pcm-output", fifo,
-                                         "--event-output", tmp.path("status.json")},
+                                         "--event-output", tmp.path("status.json"), "--json"},
                                         env);
-    EXPECT_EQ(r.exit_code, settings == "format=s16le rate=16000 channels=1" ? 0 : 1) << r.out;
-    EXPECT_NE(r.out.find(line), std::string::npos) << r.out;
-    if (settings.find("48000") != std::string::npos) {
-      EXPECT_NE(r.out.find("expects s16le, 48000 Hz, 1 channels; the tool writes s16le, 16000 Hz, 1 channel"),
-                std::string::npos);
-    }
+    EXPECT_EQ(r.exit_code, state.ends_with("=ok") ? 0 : 1) << r.out;
+    // Through Python's json: the states of all six checks.
+    test::write_file(tmp.path("answer.json"), r.out);
+    const std::string states =
+        test::run({"python3", "-c",
+                   "import json, sys\nd = json.load(open(sys.argv[1]))\n"
+                   "print(' '.join(c['name'].replace(' ', '_') + '=' + c['state'] for c in d['checks']), end='')",
+                   tmp.path("answer.json")})
+            .out;
+    EXPECT_EQ(states, "device=ok channels=ok gain=ok channel_order=skipped " + state + " live_status=skipped");
+    const std::string expected = settings.empty() ? "pactl load-module module-pipe-source source_name=sonderlark_mic file="
+                                 : state.ends_with("=ok") ? " feeds module-pipe-source "
+                                                         : "expects s16le, 48000 Hz, 1 channels; the tool writes s16le";
+    EXPECT_NE(r.out.find(expected), std::string::npos) << r.out;
   }
 }
 

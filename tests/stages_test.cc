@@ -193,7 +193,7 @@ std::vector<Case> cases() {
     return out + dump(beamform_delay_and_sum(record({x, x, x, x, x}), steer(2))) +
            dump(beamform_delay_and_sum(record({x, x, x, x, x}), steer(-2)));
   }});
-  c.push_back(Case{"beam: means near the ends; fallback; two, one, silent, empty, none", [x, zeros] {
+  c.push_back(Case{"beam: means near the ends; fallback; two, one, silent, empty, none; short channel 0", [x, zeros] {
     const Channels ramps = {{1, 2, 3, 4, 5, 6}, {10, 20, 30, 40, 50, 60}, {100, 200, 300, 400, 500, 600},
                             {1000, 2000, 3000, 4000, 5000, 6000}};
     std::vector<double> ch0 = zeros;
@@ -204,7 +204,9 @@ std::vector<Case> cases() {
            dump(beamform_delay_and_sum(record({x, test::shifted(x, -3)}), steer(3))) +
            dump(beamform_delay_and_sum(record({x}), steer(3))) +
            dump(beamform_delay_and_sum(record({ch0, zeros, zeros, zeros}), DirectionEstimate{})) +
-           dump(beamform_delay_and_sum(record({{}, {}, {}, {}}), steer(3))) + dump(beamform_delay_and_sum(record({}), steer(3)));
+           dump(beamform_delay_and_sum(record({{}, {}, {}, {}}), steer(3))) + dump(beamform_delay_and_sum(record({}), steer(3))) +
+           // Channel 0 shorter than the others: the beam stops where it does.
+           dump(beamform_delay_and_sum(record({{x.begin(), x.begin() + 10}, x, x, x}), steer(3)));
   }});
   return c;
 }

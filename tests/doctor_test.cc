@@ -20,7 +20,7 @@ namespace {
 namespace fs = std::filesystem;
 using Env = std::map<std::string, std::optional<std::string>>;
 
-std::string doctor_path() { return test::sim_path().substr(0, test::sim_path().rfind('/')) + "/sonderlark-doctor"; }
+std::string doctor_path() { return test::program_path("sonderlark-doctor"); }
 
 // Noise bursts with pauses (the noise floor lies in the pauses), and a click
 // at 0.5 s of a 3-s window, as mono 16-kHz sources.
@@ -53,18 +53,6 @@ test::RunResult doctor(const test::TempDir& tmp, std::vector<std::string> args, 
   argv.insert(argv.end(), args.begin(), args.end());
   env["XDG_CONFIG_HOME"] = tmp.path("config");
   return test::run(argv, env);
-}
-
-// "name=state ..." of every check of a --json answer, through Python's json.
-std::string states(const std::string& json_text) {
-  test::TempDir tmp;
-  test::write_file(tmp.path("answer.json"), json_text);
-  return test::run({"python3", "-c",
-                    "import json, sys\nd = json.load(open(sys.argv[1]))\n"
-                    "assert d['problems'] == sum(c['state'] == 'problem' for c in d['checks'])\n"
-                    "print(' '.join(c['name'].replace(' ', '_') + '=' + c['state'] for c in d['checks']), end='')",
-                    tmp.path("answer.json")})
-      .out;
 }
 
 struct DoctorCase {
@@ -119,7 +107,7 @@ TEST_P(Doctor, FindsWhatIsWrongWithTheArray) {
   args.push_back("--json");
   const test::RunResult r = doctor(tmp, args, input);
   EXPECT_EQ(r.exit_code, 1) << r.out << r.err;  // no virtual microphone here, at least
-  EXPECT_EQ(states(r.out), c.states + " virtual_microphone=problem live_status=skipped") << r.out;
+  EXPECT_EQ(test::doctor_states(r.out), c.states + " virtual_microphone=problem live_status=skipped") << r.out;
   EXPECT_NE(r.out.find(c.detail), std::string::npos) << r.out;
   if (c.name == "dead_channel") {
     // The text answer, whole.
@@ -210,7 +198,7 @@ TEST(DoctorStatus, FreshStaleTornAndMissing) {
     setup();
     const test::RunResult r = doctor(tmp, {"--device", "no_such_device", "--json"});
     EXPECT_EQ(r.exit_code, 1);  // the device, at least
-    EXPECT_TRUE(states(r.out).ends_with(" live_status=" + state)) << r.out;
+    EXPECT_TRUE(test::doctor_states(r.out).ends_with(" live_status=" + state)) << r.out;
     EXPECT_NE(r.out.find(message), std::string::npos) << r.out;
   }
 }

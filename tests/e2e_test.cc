@@ -230,20 +230,12 @@ TEST(VirtualMicrophone, DoctorChecksThePipeSource) {
     test::write_alsa_file_device(tmp.path("config"), "sonderlark_array", tmp.path("frames.raw"));
     Env env = pulse.env;
     env["XDG_CONFIG_HOME"] = tmp.path("config");
-    const std::string doctor = test::sim_path().substr(0, test::sim_path().rfind('/')) + "/sonderlark-doctor";
+    const std::string doctor = test::program_path("sonderlark-doctor");
     const test::RunResult r = test::run({doctor, "--device", "sonderlark_array", "--seconds", "2", "--pcm-output", fifo,
                                          "--event-output", tmp.path("status.json"), "--json"},
                                         env);
     EXPECT_EQ(r.exit_code, state.ends_with("=ok") ? 0 : 1) << r.out;
-    // Through Python's json: the states of all six checks.
-    test::write_file(tmp.path("answer.json"), r.out);
-    const std::string states =
-        test::run({"python3", "-c",
-                   "import json, sys\nd = json.load(open(sys.argv[1]))\n"
-                   "print(' '.join(c['name'].replace(' ', '_') + '=' + c['state'] for c in d['checks']), end='')",
-                   tmp.path("answer.json")})
-            .out;
-    EXPECT_EQ(states, "device=ok channels=ok gain=ok channel_order=skipped " + state + " live_status=skipped");
+    EXPECT_EQ(test::doctor_states(r.out), "device=ok channels=ok gain=ok channel_order=skipped " + state + " live_status=skipped");
     const std::string expected = settings.empty() ? "pactl load-module module-pipe-source source_name=sonderlark_mic file="
                                  : state.ends_with("=ok") ? " feeds module-pipe-source "
                                                          : "expects s16le, 48000 Hz, 1 channels; the tool writes s16le";

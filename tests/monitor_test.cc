@@ -22,7 +22,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string monitor_path() { return test::sim_path().substr(0, test::sim_path().rfind('/')) + "/sonderlark-monitor"; }
+std::string monitor_path() { return test::program_path("sonderlark-monitor"); }
 
 // A record from the tool's own writer, its timestamp then set to `timestamp`
 // unless that is empty.

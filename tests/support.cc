@@ -125,6 +125,7 @@ RunResult run(const std::vector<std::string>& argv, const std::map<std::string, 
 
 std::string tool_path() { return SONDERLARK_BIN; }
 std::string sim_path() { return SONDERLARK_SIM; }
+std::string program_path(const std::string& name) { return sim_path().substr(0, sim_path().rfind('/') + 1) + name; }
 std::string source_path(const std::string& relative) { return std::string(SONDERLARK_SOURCE_DIR) + "/" + relative; }
 
 std::vector<double> white_noise(std::size_t n, double amplitude, uint32_t seed) {
@@ -221,6 +222,17 @@ std::string pcm_wav(const std::vector<std::vector<double>>& channels, uint32_t r
   out += "data";
   write_le32(out, static_cast<uint32_t>(data.size()));
   return out + data;
+}
+
+std::string doctor_states(const std::string& json_text) {
+  TempDir tmp;
+  write_file(tmp.path("answer.json"), json_text);
+  return run({"python3", "-c",
+              "import json, sys\nd = json.load(open(sys.argv[1]))\n"
+              "assert d['problems'] == sum(c['state'] == 'problem' for c in d['checks'])\n"
+              "print(' '.join(c['name'].replace(' ', '_') + '=' + c['state'] for c in d['checks']), end='')",
+              tmp.path("answer.json")})
+      .out;
 }
 
 void write_alsa_file_device(const std::string& config_home, const std::string& name, const std::string& infile) {

@@ -49,6 +49,8 @@ int wait_child(int pid);
 // Paths of the built programs and of the source tree.
 std::string tool_path();
 std::string sim_path();
+// A program built beside sonderlark-sim, such as "sonderlark-doctor".
+std::string program_path(const std::string& name);
 std::string source_path(const std::string& relative);
 
 // Seeded white noise, uniform in [-amplitude, amplitude).
@@ -76,6 +78,10 @@ std::string pcm_wav(const std::vector<std::vector<double>>& channels, uint32_t r
 
 // Interleaved S32_LE frames of the given channels, as arecord delivers them.
 std::string s32_frames(const std::vector<std::vector<double>>& channels);
+
+// "name=state ..." of every check in a sonderlark-doctor --json answer, read
+// through Python's json (spaces in names become underscores).
+std::string doctor_states(const std::string& json_text);
 
 // Writes an ALSA configuration defining `pcm.<name>` as a file-backed
 // capture device reading `infile`, under `config_home`/alsa/asoundrc.

@@ -35,8 +35,6 @@ constexpr double kTapSeconds = 3.0;
 
 std::string db(double v) { return fixed(v, 1); }
 
-double dbfs(double amplitude) { return amplitude > 0.0 ? std::max(-120.0, 20.0 * std::log10(amplitude)) : -120.0; }
-
 // The middle value of `v` without element `skip` (the lower middle for an even count).
 double median_without(std::vector<double> v, std::size_t skip) {
   v.erase(v.begin() + static_cast<std::ptrdiff_t>(skip));
@@ -203,7 +201,7 @@ std::vector<ChannelMeasure> measure_channels(const WavData& recording) {
   const ChannelDiagnostics d = diagnose_channels(recording, "channel");
   std::vector<ChannelMeasure> out;
   for (std::size_t c = 0; c < recording.samples.size(); ++c) {
-    ChannelMeasure m{dbfs(d.rms[c]), dbfs(d.peak[c]), dbfs(d.noise_floor[c]), 0, 0.0};
+    ChannelMeasure m{level_dbfs(d.rms[c]), level_dbfs(d.peak[c]), level_dbfs(d.noise_floor[c]), 0, 0.0};
     double sum = 0.0;
     for (double x : recording.samples[c]) {
       sum += x;
@@ -273,13 +271,13 @@ Check gain_check(const WavData& recording) {
   Check c{"gain", "ok", "", {}, ""};
   if (peak < kSilencePeakThreshold) {
     c.state = "problem";
-    c.message = "the recording is too quiet to judge (loudest peak " + db(dbfs(peak)) + " dBFS)";
+    c.message = "the recording is too quiet to judge (loudest peak " + db(level_dbfs(peak)) + " dBFS)";
     c.advice = "speak or play sound near the array while the doctor records, then run it again";
     return c;
   }
-  const double gain = std::clamp(std::floor(-6.0 - dbfs(peak)), -60.0, 36.0);
-  c.message = "use --input-gain-db " + fixed(gain, 0) + ": the loudest peak, " + db(dbfs(peak)) +
-              " dBFS, then sits at " + db(dbfs(peak) + gain) + " dBFS";
+  const double gain = std::clamp(std::floor(-6.0 - level_dbfs(peak)), -60.0, 36.0);
+  c.message = "use --input-gain-db " + fixed(gain, 0) + ": the loudest peak, " + db(level_dbfs(peak)) +
+              " dBFS, then sits at " + db(level_dbfs(peak) + gain) + " dBFS";
   return c;
 }
 

@@ -21,7 +21,6 @@ constexpr double kPi = 3.141592653589793;
 }  // namespace
 
 LagResult best_lag(std::span<const double> a, std::span<const double> b, int32_t max_lag) {
-  LagResult result;
   // The searches of this tool use at most +-8: no allocation for those.
   constexpr int32_t kStackLags = 2 * kEndToEndMaxLag + 1;
   double stack_scores[kStackLags];
@@ -32,6 +31,11 @@ LagResult best_lag(std::span<const double> a, std::span<const double> b, int32_t
     scores = heap_scores.data();
   }
   lag_scores(default_lag_kernel(), a, b, max_lag, scores);
+  return pick_lag(scores, max_lag);
+}
+
+LagResult pick_lag(const double* scores, int32_t max_lag) {
+  LagResult result;
   double best = -1.0;
   double second = -1.0;
   for (int32_t lag = -max_lag; lag <= max_lag; ++lag) {
@@ -70,9 +74,15 @@ DirectionEstimate estimate_direction(const WavData& data, const std::string& sou
   const LagResult r01 = best_lag(ch[0], ch[1], kAdjacentMaxLag);
   const LagResult r12 = best_lag(ch[1], ch[2], kAdjacentMaxLag);
   const LagResult r23 = best_lag(ch[2], ch[3], kAdjacentMaxLag);
+  end_to_end_lag = r03.lag;
+  return direction_from_lags(r03, r01, r12, r23, source_label);
+}
 
+DirectionEstimate direction_from_lags(const LagResult& r03, const LagResult& r01, const LagResult& r12,
+                                      const LagResult& r23, const std::string& source_label) {
+  DirectionEstimate estimate;
+  estimate.samples_source = source_label;
   const int32_t direct = r03.lag;
-  end_to_end_lag = direct;
   const int32_t chained = r01.lag + r12.lag + r23.lag;
   estimate.lag_consistency = std::max(1.0 - std::abs(direct - chained) * kLagScale, 0.0);
   estimate.lag_samples_ch0_to_ch3 = direct;

@@ -47,6 +47,10 @@ constexpr double kLowConfidenceThreshold = 0.35;
 // most negative lag; when every lag scores 0.0 the result's lag is -max_lag.
 LagResult best_lag(std::span<const double> a, std::span<const double> b, int32_t max_lag);
 
+// The choice best_lag makes from the scores of lags -max_lag .. +max_lag
+// (scores[L + max_lag]).
+LagResult pick_lag(const double* scores, int32_t max_lag);
+
 // Direction from the lags of channel pairs 0/3 (+-8) and 0/1, 1/2, 2/3 (+-4)
 // of samples[0..3]; further channels are ignored. Fewer than 4 channels or an
 // empty channel 0 give the defaults (low confidence). `samples_source` is set
@@ -57,5 +61,10 @@ DirectionEstimate estimate_direction(const WavData& data, const std::string& sou
 // (+-8) it made, or nothing when it made none (it returned its defaults).
 DirectionEstimate estimate_direction(const WavData& data, const std::string& source_label,
                                      std::optional<int32_t>& end_to_end_lag);
+
+// The estimate from the four searches: channels 0/3 (+-8), 0/1, 1/2 and 2/3
+// (+-4).
+DirectionEstimate direction_from_lags(const LagResult& r03, const LagResult& r01, const LagResult& r12,
+                                      const LagResult& r23, const std::string& source_label);
 
 }  // namespace sonderlark

@@ -10,25 +10,7 @@
 namespace sonderlark {
 namespace {
 
-// The score of one lag, literally: two passes over the overlap in index
-// order. The reference every vector kernel reproduces.
-double scalar_score(const double* a, const double* b, int64_t n, int64_t lag) {
-  const LagOverlap o = lag_overlap(n, lag);
-  const int64_t m = o.end - o.begin;
-  if (n == 0 || m < kMinOverlapPairs) return 0.0;
-  double sum_a = 0.0;
-  double sum_b = 0.0;
-  add_lag_sums(a, b, lag, o.begin, o.end, sum_a, sum_b);
-  const double mean_a = sum_a / static_cast<double>(m);
-  const double mean_b = sum_b / static_cast<double>(m);
-  double ab = 0.0;
-  double aa = 0.0;
-  double bb = 0.0;
-  add_lag_products(a, b, lag, o.begin, o.end, mean_a, mean_b, ab, aa, bb);
-  return lag_score(m, ab, aa, bb);
-}
-
-using GroupKernel = void (*)(const double*, const double*, int64_t, const int32_t*, int, double*);
+using GroupKernel = void (*)(LagPass, const LagRange&, const int32_t*, int, const LaneSums&);
 
 struct Kernel {
   GroupKernel run;
@@ -61,36 +43,101 @@ LagKernel default_lag_kernel() {
   return best;
 }
 
-void lag_scores(LagKernel kernel, std::span<const double> a, std::span<const double> b, int32_t max_lag,
-                double* scores) {
+LagSearch start_lag_search(LagKernel kernel, int32_t max_lag, int64_t n) {
   assert(max_lag >= 0);
-  const int64_t n = static_cast<int64_t>(std::min(a.size(), b.size()));
+  LagSearch search;
+  search.kernel = kernel;
+  search.max_lag = max_lag;
+  search.n = n;
   const int64_t lags = 2 * static_cast<int64_t>(max_lag) + 1;
-  Kernel run = group_kernel(kernel);
-  if (lags < run.lanes) run = group_kernel(LagKernel::kPortable);
-  if (kernel == LagKernel::kScalar || lags < run.lanes) {
-    for (int64_t k = 0; k < lags; ++k) scores[k] = scalar_score(a.data(), b.data(), n, k - max_lag);
+  if (kernel != LagKernel::kScalar && lags < group_kernel(kernel).lanes) search.kernel = LagKernel::kPortable;
+  if (search.kernel == LagKernel::kScalar || lags < group_kernel(search.kernel).lanes) {
+    search.kernel = LagKernel::kScalar;  // one lag per group
+    for (int64_t lag = -max_lag; lag <= max_lag; ++lag) search.starts.push_back(static_cast<int32_t>(lag));
+  } else {
+    // Groups of W lags from -max_lag; the last group ends at +max_lag and may
+    // overlap the one before (those lags are simply computed twice).
+    search.lanes = group_kernel(search.kernel).lanes;
+    const int w = search.lanes;
+    for (int64_t s = -max_lag; s + w - 1 <= max_lag; s += w) search.starts.push_back(static_cast<int32_t>(s));
+    if (search.starts.back() + w - 1 < max_lag) search.starts.push_back(max_lag - w + 1);
+  }
+  const std::size_t lanes = search.starts.size() * static_cast<std::size_t>(search.lanes);
+  for (std::vector<double>* v : {&search.first, &search.second, &search.ab, &search.aa, &search.bb}) {
+    v->assign(lanes, 0.0);
+  }
+  return search;
+}
+
+void add_lag_block(LagSearch& search, const double* a, const double* b, int64_t origin, int64_t from, int64_t to) {
+  const LagRange range{a, b, origin, search.n, from, to};
+  if (search.kernel == LagKernel::kScalar) {
+    for (std::size_t k = 0; k < search.starts.size(); ++k) {
+      const int64_t lag = search.starts[k];
+      const LagOverlap o = lag_overlap(search.n, lag);
+      const int64_t begin = std::max(o.begin, from);
+      const int64_t end = std::min(o.end, to);
+      if (!search.second_pass) {
+        add_lag_sums(range, lag, begin, end, search.first[k], search.second[k]);
+      } else {
+        add_lag_products(range, lag, begin, end, search.first[k], search.second[k], search.ab[k], search.aa[k],
+                         search.bb[k]);
+      }
+    }
     return;
   }
-  // Groups of W lags from -max_lag; the last group ends at +max_lag and may
-  // overlap the one before (those lags are simply computed twice).
-  const int w = run.lanes;
-  const std::size_t needed = static_cast<std::size_t>(lags / w + 2);
-  int32_t stack_starts[32];
-  std::vector<int32_t> heap_starts(needed > 32 ? needed : 0);
-  int32_t* starts = needed > 32 ? heap_starts.data() : stack_starts;
-  std::size_t groups_total = 0;
-  for (int64_t s = -max_lag; s + w - 1 <= max_lag; s += w) starts[groups_total++] = static_cast<int32_t>(s);
-  if (starts[groups_total - 1] + w - 1 < max_lag) starts[groups_total++] = max_lag - w + 1;
-  const std::size_t groups_per_sweep = kMaxLagGroupsPerSweep;
-  double out[kMaxLagGroupsPerSweep * 8];
-  for (std::size_t first = 0; first < groups_total; first += groups_per_sweep) {
-    const int groups = static_cast<int>(std::min(groups_per_sweep, groups_total - first));
-    run.run(a.data(), b.data(), n, starts + first, groups, out);
-    for (int g = 0; g < groups; ++g) {
-      for (int j = 0; j < w; ++j) scores[starts[first + static_cast<std::size_t>(g)] + j + max_lag] = out[g * w + j];
+  const Kernel run = group_kernel(search.kernel);
+  const LagPass pass = search.second_pass ? LagPass::kProducts : LagPass::kSums;
+  const std::size_t groups_total = search.starts.size();
+  for (std::size_t first = 0; first < groups_total; first += kMaxLagGroupsPerSweep) {
+    const int groups = static_cast<int>(std::min<std::size_t>(kMaxLagGroupsPerSweep, groups_total - first));
+    const std::size_t lane = first * static_cast<std::size_t>(run.lanes);
+    const LaneSums sums{search.first.data() + lane, search.second.data() + lane, search.ab.data() + lane,
+                        search.aa.data() + lane, search.bb.data() + lane};
+    run.run(pass, range, search.starts.data() + first, groups, sums);
+  }
+}
+
+namespace {
+
+int64_t lane_pairs(const LagSearch& search, std::size_t lane) {
+  const int64_t lag = search.starts[lane / static_cast<std::size_t>(search.lanes)] +
+                      static_cast<int64_t>(lane % static_cast<std::size_t>(search.lanes));
+  const LagOverlap o = lag_overlap(search.n, lag);
+  return o.end - o.begin;
+}
+
+}  // namespace
+
+void take_lag_means(LagSearch& search) {
+  assert(!search.second_pass);
+  for (std::size_t k = 0; k < search.first.size(); ++k) {
+    const double pairs = static_cast<double>(lane_pairs(search, k));
+    // No overlap: the sums stay 0 and the lag scores 0.0 whatever its mean.
+    if (pairs > 0) {
+      search.first[k] /= pairs;
+      search.second[k] /= pairs;
     }
   }
+  search.second_pass = true;
+}
+
+void lag_search_scores(const LagSearch& search, double* scores) {
+  for (std::size_t k = 0; k < search.first.size(); ++k) {
+    const int64_t lag = search.starts[k / static_cast<std::size_t>(search.lanes)] +
+                        static_cast<int64_t>(k % static_cast<std::size_t>(search.lanes));
+    scores[lag + search.max_lag] = lag_score(lane_pairs(search, k), search.ab[k], search.aa[k], search.bb[k]);
+  }
+}
+
+void lag_scores(LagKernel kernel, std::span<const double> a, std::span<const double> b, int32_t max_lag,
+                double* scores) {
+  const int64_t n = static_cast<int64_t>(std::min(a.size(), b.size()));
+  LagSearch search = start_lag_search(kernel, max_lag, n);
+  add_lag_block(search, a.data(), b.data(), 0, 0, n);
+  take_lag_means(search);
+  add_lag_block(search, a.data(), b.data(), 0, 0, n);
+  lag_search_scores(search, scores);
 }
 
 }  // namespace sonderlark

@@ -28,4 +28,32 @@ LagKernel default_lag_kernel();
 void lag_scores(LagKernel kernel, std::span<const double> a, std::span<const double> b, int32_t max_lag,
                 double* scores);
 
+// The same search over sequences of length n that arrive in consecutive
+// blocks: every block once for the sums (first pass), take_lag_means, every
+// block again for the centred products (second pass), then
+// lag_search_scores. Each lag's sums run in index order across the blocks,
+// so the scores are the bits lag_scores gives on the whole sequences.
+struct LagSearch {
+  LagKernel kernel = LagKernel::kScalar;
+  int32_t max_lag = 0;
+  int64_t n = 0;
+  int lanes = 1;                // lags per group
+  std::vector<int32_t> starts;  // first lag of each group; groups may overlap
+  std::vector<double> first, second, ab, aa, bb;  // per lane of every group
+  bool second_pass = false;
+};
+
+LagSearch start_lag_search(LagKernel kernel, int32_t max_lag, int64_t n);
+
+// Adds indices [from, to) of a and b, sample i of each at a[i - origin] and
+// b[i - origin]; b must hold every index within max_lag of the block that
+// lies in [0, n).
+void add_lag_block(LagSearch& search, const double* a, const double* b, int64_t origin, int64_t from, int64_t to);
+
+// Ends the first pass: the sums become the means of each lag's overlap.
+void take_lag_means(LagSearch& search);
+
+// The scores of the finished search, into scores[L + max_lag].
+void lag_search_scores(const LagSearch& search, double* scores);
+
 }  // namespace sonderlark

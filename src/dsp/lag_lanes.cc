@@ -99,126 +99,123 @@ __attribute__((always_inline)) inline void sweep(int64_t begin, int64_t end, Loa
   for (int g = 0; g < G; ++g) store_group(g, group[g]);
 }
 
-// Scores G groups of W consecutive lags, starts[g] .. starts[g] + W - 1, in
-// one sweep per pass. Every lane's sum is its lag's literal sum: the indices
-// that only some lanes cover (near the ends) are added lane by lane before
-// and after the shared range, so each lane still adds in index order.
+// Adds range r to the lanes of G groups of W consecutive lags, starts[g] ..
+// starts[g] + W - 1, in one sweep. Every lane's sum stays its lag's literal
+// sum: the indices that only some lanes cover (near the ends of the
+// sequences and of the range) are added lane by lane before and after the
+// shared range, so each lane still adds in index order.
 template <int W, int G>
-__attribute__((always_inline)) inline void score_groups(const double* a, const double* b, int64_t n,
-                                                        const int32_t* starts, double* out) {
+__attribute__((always_inline)) inline void sweep_groups(LagPass pass, const LagRange& r, const int32_t* starts,
+                                                        const LaneSums& sums) {
   using Lanes = typename LaneVector<W>::type;
-  const int64_t shared_begin = std::max<int64_t>(0, -static_cast<int64_t>(starts[0]));
-  // Empty when the input is short: then the lanes do all the work one by one.
-  const int64_t shared_end = std::max(shared_begin, std::min<int64_t>(n, n - (starts[G - 1] + W - 1)));
+  // The indices every lane of every group covers (the first lag is the most
+  // negative, the last the most positive); empty on a short input or range,
+  // and then the lanes do all the work one by one.
+  const int64_t shared_begin = std::max<int64_t>(r.from, std::max<int64_t>(0, -static_cast<int64_t>(starts[0])));
+  const int64_t shared_end =
+      std::max(shared_begin, std::min<int64_t>(r.to, std::min<int64_t>(r.n, r.n - (starts[G - 1] + W - 1))));
   // Calls edge(lag, from, to, lane index) for each lane's indices before
   // (before == true) or after the shared range.
   auto each_lane_edge = [&](bool before, auto edge) {
     for (int g = 0; g < G; ++g) {
       for (int j = 0; j < W; ++j) {
         const int64_t lag = starts[g] + j;
-        const LagOverlap o = lag_overlap(n, lag);
+        const LagOverlap o = lag_overlap(r.n, lag);
+        const int64_t begin = std::max(o.begin, r.from);
+        const int64_t end = std::min(o.end, r.to);
         if (before) {
-          edge(lag, o.begin, std::min(shared_begin, o.end), g * W + j);
+          edge(lag, begin, std::min(shared_begin, end), g * W + j);
         } else {
-          edge(lag, std::max(shared_end, o.begin), o.end, g * W + j);
+          edge(lag, std::max(shared_end, begin), end, g * W + j);
         }
       }
     }
   };
+  const double* a = r.a;  // sample i at a[i - origin], b[i + lag - origin]
+  const double* b = r.b;
+  const int64_t origin = r.origin;
 
-  // First pass: each lane's sums, then its means.
-  double mean_a[G * W] = {};
-  double mean_b[G * W] = {};
-  auto edge_sums = [&](int64_t lag, int64_t from, int64_t to, int k) {
-    add_lag_sums(a, b, lag, from, to, mean_a[k], mean_b[k]);
-  };
-  each_lane_edge(true, edge_sums);
-  sweep<W, G>(
-      shared_begin, shared_end,
-      [&](int g, GroupSums<W>& s) {
-        s.first = load<W>(mean_a + g * W);
-        s.second = load<W>(mean_b + g * W);
-        s.first_lag = starts[g];
-      },
-      [&](int64_t i, GroupSums<W>& s) __attribute__((always_inline)) {
-        s.first += splat<W>(a + i);
-        s.second += load<W>(b + (i + s.first_lag));
-      },
-      [&](int g, const GroupSums<W>& s) {
-        store<W>(mean_a + g * W, s.first);
-        store<W>(mean_b + g * W, s.second);
-      });
-  each_lane_edge(false, edge_sums);
-  int64_t pairs[G * W];
-  each_lane_edge(false, [&](int64_t lag, int64_t, int64_t, int k) {
-    const LagOverlap o = lag_overlap(n, lag);
-    pairs[k] = o.end - o.begin;
-    mean_a[k] /= static_cast<double>(pairs[k]);
-    mean_b[k] /= static_cast<double>(pairs[k]);
-  });
+  if (pass == LagPass::kSums) {
+    auto edge_sums = [&](int64_t lag, int64_t from, int64_t to, int k) {
+      add_lag_sums(r, lag, from, to, sums.first[k], sums.second[k]);
+    };
+    each_lane_edge(true, edge_sums);
+    sweep<W, G>(
+        shared_begin, shared_end,
+        [&](int g, GroupSums<W>& s) {
+          s.first = load<W>(sums.first + g * W);
+          s.second = load<W>(sums.second + g * W);
+          s.first_lag = starts[g] - origin;
+        },
+        [&](int64_t i, GroupSums<W>& s) __attribute__((always_inline)) {
+          s.first += splat<W>(a + (i - origin));
+          s.second += load<W>(b + (i + s.first_lag));
+        },
+        [&](int g, const GroupSums<W>& s) {
+          store<W>(sums.first + g * W, s.first);
+          store<W>(sums.second + g * W, s.second);
+        });
+    each_lane_edge(false, edge_sums);
+    return;
+  }
 
-  // Second pass: the centred sums, then the scores.
-  double ab[G * W] = {};
-  double aa[G * W] = {};
-  double bb[G * W] = {};
   auto edge_products = [&](int64_t lag, int64_t from, int64_t to, int k) {
-    add_lag_products(a, b, lag, from, to, mean_a[k], mean_b[k], ab[k], aa[k], bb[k]);
+    add_lag_products(r, lag, from, to, sums.first[k], sums.second[k], sums.ab[k], sums.aa[k], sums.bb[k]);
   };
   each_lane_edge(true, edge_products);
   sweep<W, G>(
       shared_begin, shared_end,
       [&](int g, GroupSums<W>& s) {
-        s.first = load<W>(mean_a + g * W);
-        s.second = load<W>(mean_b + g * W);
-        s.ab = load<W>(ab + g * W);
-        s.aa = load<W>(aa + g * W);
-        s.bb = load<W>(bb + g * W);
-        s.first_lag = starts[g];
+        s.first = load<W>(sums.first + g * W);
+        s.second = load<W>(sums.second + g * W);
+        s.ab = load<W>(sums.ab + g * W);
+        s.aa = load<W>(sums.aa + g * W);
+        s.bb = load<W>(sums.bb + g * W);
+        s.first_lag = starts[g] - origin;
       },
       [&](int64_t i, GroupSums<W>& s) __attribute__((always_inline)) {
-        const Lanes da = splat<W>(a + i) - s.first;
+        const Lanes da = splat<W>(a + (i - origin)) - s.first;
         const Lanes db = load<W>(b + (i + s.first_lag)) - s.second;
         s.ab += da * db;
         s.aa += da * da;
         s.bb += db * db;
       },
       [&](int g, const GroupSums<W>& s) {
-        store<W>(ab + g * W, s.ab);
-        store<W>(aa + g * W, s.aa);
-        store<W>(bb + g * W, s.bb);
+        store<W>(sums.ab + g * W, s.ab);
+        store<W>(sums.aa + g * W, s.aa);
+        store<W>(sums.bb + g * W, s.bb);
       });
   each_lane_edge(false, edge_products);
-  for (int k = 0; k < G * W; ++k) out[k] = lag_score(pairs[k], ab[k], aa[k], bb[k]);
 }
 
 // One sweep of 1 to kMaxGroupsPerSweep groups.
 template <int W>
-__attribute__((always_inline)) inline void score_sweep(const double* a, const double* b, int64_t n,
-                                                       const int32_t* starts, int groups, double* out) {
+__attribute__((always_inline)) inline void sweep_range(LagPass pass, const LagRange& r, const int32_t* starts,
+                                                       int groups, const LaneSums& sums) {
   if (groups >= 3) {
-    score_groups<W, 3>(a, b, n, starts, out);
+    sweep_groups<W, 3>(pass, r, starts, sums);
   } else if (groups == 2) {
-    score_groups<W, 2>(a, b, n, starts, out);
+    sweep_groups<W, 2>(pass, r, starts, sums);
   } else {
-    score_groups<W, 1>(a, b, n, starts, out);
+    sweep_groups<W, 1>(pass, r, starts, sums);
   }
 }
 
 }  // namespace
 
-void lag_sweep_2(const double* a, const double* b, int64_t n, const int32_t* starts, int groups, double* out) {
-  score_sweep<2>(a, b, n, starts, groups, out);
+void lag_sweep_2(LagPass pass, const LagRange& range, const int32_t* starts, int groups, const LaneSums& sums) {
+  sweep_range<2>(pass, range, starts, groups, sums);
 }
 
 #if defined(__x86_64__)
-__attribute__((target("avx2,fma"))) void lag_sweep_4(const double* a, const double* b, int64_t n,
-                                                     const int32_t* starts, int groups, double* out) {
-  score_sweep<4>(a, b, n, starts, groups, out);
+__attribute__((target("avx2,fma"))) void lag_sweep_4(LagPass pass, const LagRange& range, const int32_t* starts,
+                                                     int groups, const LaneSums& sums) {
+  sweep_range<4>(pass, range, starts, groups, sums);
 }
 
-__attribute__((target("avx512f"))) void lag_sweep_8(const double* a, const double* b, int64_t n,
-                                                    const int32_t* starts, int groups, double* out) {
-  score_sweep<8>(a, b, n, starts, groups, out);
+__attribute__((target("avx512f"))) void lag_sweep_8(LagPass pass, const LagRange& range, const int32_t* starts,
+                                                    int groups, const LaneSums& sums) {
+  sweep_range<8>(pass, range, starts, groups, sums);
 }
 #endif
 

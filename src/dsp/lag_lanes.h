@@ -22,23 +22,35 @@ inline LagOverlap lag_overlap(int64_t n, int64_t lag) {
   return {std::max<int64_t>(0, -lag), std::min<int64_t>(n, n - lag)};
 }
 
+// The indices and samples one call of a lane kernel covers: global indices
+// i in [from, to) of sequences of length n, sample i of a at a[i - origin]
+// and of b at b[i - origin]. Each lag adds only the i of its overlap, and b
+// must hold every b[i + lag] those need.
+struct LagRange {
+  const double* a;
+  const double* b;
+  int64_t origin;
+  int64_t n;
+  int64_t from;
+  int64_t to;
+};
+
 // First pass of one lag: adds a[i] and b[i + lag] for i in [from, to), in
 // index order, to sum_a and sum_b.
-inline void add_lag_sums(const double* a, const double* b, int64_t lag, int64_t from, int64_t to, double& sum_a,
-                     double& sum_b) {
+inline void add_lag_sums(const LagRange& r, int64_t lag, int64_t from, int64_t to, double& sum_a, double& sum_b) {
   for (int64_t i = from; i < to; ++i) {
-    sum_a += a[i];
-    sum_b += b[i + lag];
+    sum_a += r.a[i - r.origin];
+    sum_b += r.b[i + lag - r.origin];
   }
 }
 
 // Second pass of one lag: adds the centred products of a[i] and b[i + lag]
 // about the means for i in [from, to), in index order.
-inline void add_lag_products(const double* a, const double* b, int64_t lag, int64_t from, int64_t to, double mean_a,
-                         double mean_b, double& ab, double& aa, double& bb) {
+inline void add_lag_products(const LagRange& r, int64_t lag, int64_t from, int64_t to, double mean_a, double mean_b,
+                             double& ab, double& aa, double& bb) {
   for (int64_t i = from; i < to; ++i) {
-    const double da = a[i] - mean_a;
-    const double db = b[i + lag] - mean_b;
+    const double da = r.a[i - r.origin] - mean_a;
+    const double db = r.b[i + lag - r.origin] - mean_b;
     ab += da * db;
     aa += da * da;
     bb += db * db;
@@ -51,14 +63,27 @@ inline double lag_score(int64_t pairs, double ab, double aa, double bb) {
   return 0.0;
 }
 
-// Scores `groups` (1 to 3) groups of W consecutive lags, starts[g] ..
-// starts[g] + W - 1, into out[g * W + j], each lane bit for bit the scalar
-// reference. W = 2 runs on any x86-64 (SSE2) or other target; W = 4 needs
-// AVX2 and FMA, W = 8 AVX-512F.
-void lag_sweep_2(const double* a, const double* b, int64_t n, const int32_t* starts, int groups, double* out);
+// Running sums of the lanes of `groups` groups, lane k = g * W + j for lag
+// starts[g] + j. In the first pass `first` and `second` gather the sums of
+// a and b; in the second they hold the means, and ab, aa, bb gather the
+// centred products.
+struct LaneSums {
+  double* first;
+  double* second;
+  double* ab;
+  double* aa;
+  double* bb;
+};
+
+enum class LagPass { kSums, kProducts };
+
+// Adds one range to `groups` (1 to 3) groups of W consecutive lags, each lane
+// bit for bit the scalar reference's running sums. W = 2 runs on any x86-64
+// (SSE2) or other target; W = 4 needs AVX2 and FMA, W = 8 AVX-512F.
+void lag_sweep_2(LagPass pass, const LagRange& range, const int32_t* starts, int groups, const LaneSums& sums);
 #if defined(__x86_64__)
-void lag_sweep_4(const double* a, const double* b, int64_t n, const int32_t* starts, int groups, double* out);
-void lag_sweep_8(const double* a, const double* b, int64_t n, const int32_t* starts, int groups, double* out);
+void lag_sweep_4(LagPass pass, const LagRange& range, const int32_t* starts, int groups, const LaneSums& sums);
+void lag_sweep_8(LagPass pass, const LagRange& range, const int32_t* starts, int groups, const LaneSums& sums);
 #endif
 
 // Groups per sweep: five vectors each stay in registers at every width.

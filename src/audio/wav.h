@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "util/exact_math.h"
+#include "util/files.h"
 
 namespace sonderlark {
 
@@ -26,9 +27,48 @@ struct WavData {
 // `bytes` and allocates no more than the data chunk justifies.
 WavData parse_wav(std::span<const uint8_t> bytes, const std::string& path);
 
-// Reads the whole file at `path` and decodes it with parse_wav. Throws
+// Reads the whole file at `path` and decodes it as parse_wav would. Throws
 // "failed to open WAV: PATH" when the file cannot be opened.
 WavData read_wav(const std::string& path);
+
+// Where one file's frames lie.
+struct WavPart {
+  std::string path;
+  int fd = -1;  // open for reading; closed with the source
+  uint64_t data_offset = 0;
+  uint64_t frames = 0;
+};
+
+// A recording read a block of frames at a time, never whole: one WAV file,
+// or the parts a split capture left, in order, as one recording. A pipe or
+// device is read once, as far as its header's fmt and data chunks, into an
+// unnamed file in $TMPDIR (else /tmp), so memory stays bounded whatever it
+// claims.
+struct WavSource {
+  WavData format;  // the first part's header fields; no samples
+  std::vector<WavPart> parts;
+  uint64_t frames = 0;  // of all parts together
+
+  WavSource() = default;
+  WavSource(WavSource&& other) noexcept;
+  WavSource& operator=(WavSource&& other) noexcept;
+  WavSource(const WavSource&) = delete;
+  WavSource& operator=(const WavSource&) = delete;
+  ~WavSource();
+};
+
+// Opens the files at `paths` (at least one) with the reader's checks and
+// messages. Every further part must have the first one's sample rate,
+// channel count and sample size, else "split capture part PATH differs in
+// format from PATH0". A pipe that cannot be buffered gives "failed to buffer
+// WAV stream: PATH".
+WavSource open_wav_source(const std::vector<std::string>& paths);
+
+// Decodes frames [first, first + count) of `source` into out[c][0 .. count)
+// for each channel c. `scratch` is the caller's byte buffer, reused across
+// calls. Throws "truncated WAV chunk: data" when a file has shrunk.
+void read_frames(const WavSource& source, uint64_t first, uint64_t count, double* const* out,
+                 std::vector<uint8_t>& scratch);
 
 // Appends `value` to `out` as 4 bytes, least significant first.
 void write_le32(std::string& out, uint32_t value);
@@ -50,5 +90,27 @@ constexpr std::size_t kMaxMonoWavSamples = 2147483629;
 // temporary file cannot be opened, written or closed (it is then removed,
 // and an earlier file at PATH is left as it was).
 void write_mono_wav(const std::string& path, int32_t sample_rate, const std::vector<double>& samples);
+
+// The same file written a block at a time: begin_mono_wav with the final
+// sample count, the samples in any number of blocks, then finish_mono_wav.
+// A writer dropped before finishing (an exception on the way) removes its
+// temporary file.
+struct MonoWavWriter {
+  FileReplacement file;
+  uint64_t expected = 0;  // samples announced in the header
+  uint64_t written = 0;
+  std::string bytes;      // reused between blocks
+  MonoWavWriter() = default;
+  MonoWavWriter(MonoWavWriter&& other) noexcept;
+  MonoWavWriter& operator=(MonoWavWriter&&) = delete;
+  ~MonoWavWriter();
+};
+
+// Throws "failed to write WAV: PATH" as write_mono_wav does.
+MonoWavWriter begin_mono_wav(const std::string& path, int32_t sample_rate, uint64_t samples);
+void write_mono_samples(MonoWavWriter& writer, const double* samples, std::size_t count);
+// Throws "failed to write WAV: PATH" when any write failed or the count
+// differs from the header's.
+void finish_mono_wav(MonoWavWriter& writer);
 
 }  // namespace sonderlark

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 
@@ -117,23 +118,32 @@ uint64_t frame_bytes(const WavData& wav) {
   return static_cast<uint64_t>(wav.channels) * static_cast<uint64_t>(wav.bits_per_sample / 8);
 }
 
-// Appends the `frames` whole frames at p to the channels of `wav`.
-void append_frames(const uint8_t* p, uint64_t frames, WavData& wav) {
-  const std::size_t channels = wav.samples.size();
-  const uint64_t size = frame_bytes(wav);
-  const std::size_t first = wav.samples[0].size();
-  for (auto& channel : wav.samples) channel.resize(first + frames);
+// Decodes the `frames` whole frames at p into out[c][0 .. frames).
+void decode_frames(const uint8_t* p, uint64_t frames, const WavData& format, double* const* out) {
+  const std::size_t channels = static_cast<std::size_t>(format.channels);
+  const uint64_t size = frame_bytes(format);
   for (std::size_t c = 0; c < channels; ++c) {
-    double* out = wav.samples[c].data() + first;
+    double* o = out[c];
     const uint8_t* in = p;
-    if (wav.bits_per_sample == 16) {
+    if (format.bits_per_sample == 16) {
       in += 2 * c;
-      for (uint64_t f = 0; f < frames; ++f, in += size) out[f] = static_cast<int16_t>(le16(in)) * kScale16;
+      for (uint64_t f = 0; f < frames; ++f, in += size) o[f] = static_cast<int16_t>(le16(in)) * kScale16;
     } else {
       in += 4 * c;
-      for (uint64_t f = 0; f < frames; ++f, in += size) out[f] = static_cast<int32_t>(le32(in)) * kScale32;
+      for (uint64_t f = 0; f < frames; ++f, in += size) o[f] = static_cast<int32_t>(le32(in)) * kScale32;
     }
   }
+}
+
+// Appends the `frames` whole frames at p to the channels of `wav`.
+void append_frames(const uint8_t* p, uint64_t frames, WavData& wav) {
+  const std::size_t first = wav.samples[0].size();
+  std::vector<double*> out;
+  for (auto& channel : wav.samples) {
+    channel.resize(first + frames);
+    out.push_back(channel.data() + first);
+  }
+  decode_frames(p, frames, wav, out.data());
 }
 
 // Whole frames of at most kBlockBytes, at least one.
@@ -163,11 +173,9 @@ uint64_t read_up_to(int fd, uint64_t n, uint8_t* out) {
   return done;
 }
 
-// A regular file: the chunk walk reads headers only, then the data are
-// decoded block by block. A file cut short meanwhile is a truncated chunk.
-WavData read_regular(int fd, uint64_t total, const std::string& path) {
-  // Chunk headers are read through a window of the file, so that a file of
-  // many small chunks costs few reads.
+// The layout of a regular file: the chunk walk reads headers only, through
+// a window of the file, so that a file of many small chunks costs few reads.
+Layout regular_layout(int fd, uint64_t total, const std::string& path) {
   std::vector<uint8_t> window(64 * 1024);
   uint64_t window_start = 0;
   uint64_t window_size = 0;
@@ -183,77 +191,98 @@ WavData read_regular(int fd, uint64_t total, const std::string& path) {
     std::memcpy(out, window.data() + (offset - window_start), n);
     return true;
   };
-  const Layout layout = walk_chunks(total, path, fetch);
-  const uint64_t size = frame_bytes(layout.format);
-  const uint64_t frames = layout.data_size / size;  // a partial last frame is ignored
-  WavData wav = empty_record(layout, frames);
-  const uint64_t step = block_frames(size);
-  std::vector<uint8_t> block(static_cast<std::size_t>(std::min(frames, step) * size));
-  for (uint64_t f = 0; f < frames; f += step) {
-    const uint64_t n = std::min(step, frames - f);
-    if (!pread_whole(fd, layout.data_offset + f * size, n * size, block.data())) {
-      throw std::runtime_error("truncated WAV chunk: data");
-    }
-    append_frames(block.data(), n, wav);
+  return walk_chunks(total, path, fetch);
+}
+
+bool write_whole(int fd, const uint8_t* p, uint64_t n) {
+  while (n > 0) {
+    const ssize_t put = write(fd, p, n);
+    if (put < 0 && errno == EINTR) continue;
+    if (put <= 0) return false;
+    p += put;
+    n -= static_cast<uint64_t>(put);
   }
-  return wav;
+  return true;
+}
+
+// An unnamed file for a stream's bytes, in $TMPDIR or /tmp; -1 on failure.
+int open_spool() {
+  const char* dir = std::getenv("TMPDIR");
+  const std::string folder = dir != nullptr && *dir != '\0' ? dir : "/tmp";
+  int fd = open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+  if (fd >= 0) return fd;
+  std::string name = folder + "/sonderlark-stream-XXXXXX";  // file systems without O_TMPFILE
+  fd = mkostemp(name.data(), O_CLOEXEC);
+  if (fd >= 0) unlink(name.c_str());
+  return fd;
 }
 
 // A pipe or device: read in order, once, as far as the fmt and data chunks
-// (other chunks are skipped as they pass). Memory follows what arrives,
-// never more than the header describes, and nothing after the data chunk is
-// waited for.
-WavData read_stream(int fd, const std::string& path) {
+// (nothing after the data chunk is waited for), and copied as it passes
+// into `spool`, which then reads as a regular file of those bytes. A chunk
+// cut short is an error here, as it would be in a file.
+void spool_stream(int fd, const std::string& path, int spool) {
   uint64_t consumed = 0;
   auto take = [&](uint64_t n, uint8_t* out) {
     const uint64_t got = read_up_to(fd, n, out);
     consumed += got;
+    if (!write_whole(spool, out, got)) throw std::runtime_error("failed to buffer WAV stream: " + path);
     return got;
   };
   uint8_t head[12];
   if (take(12, head) < 12 || !has_id(head, "RIFF") || !has_id(head + 8, "WAVE")) throw not_wav(path);
-  Layout layout;
-  WavData wav;
+  bool fmt_seen = false;
+  bool data_seen = false;
   std::vector<uint8_t> block;
-  std::vector<uint8_t> early_data;  // data met before fmt: decoded once fmt is known
-  while (!(layout.fmt_seen && layout.data_seen)) {
+  while (!(fmt_seen && data_seen)) {
     uint8_t header[kChunkHeaderBytes];
-    const uint64_t got = take(kChunkHeaderBytes, header);
-    if (got == 0) break;
-    if (got < kChunkHeaderBytes) break;  // the walk stops short of a whole header
+    if (take(kChunkHeaderBytes, header) < kChunkHeaderBytes) break;  // the walk stops short of a whole header
     const uint64_t size = le32(header + 4);
-    const bool is_fmt = has_id(header, "fmt ");
-    const bool is_data = has_id(header, "data");
-    const bool decode = is_data && layout.fmt_seen && layout_usable(layout);
-    const bool keep = is_data && !layout.fmt_seen;
-    if (decode) wav = empty_record(layout, 0);
-    if (keep) early_data.clear();
-    const uint64_t frame_size = decode ? frame_bytes(wav) : 1;
-    const uint64_t step = decode ? block_frames(frame_size) * frame_size : kBlockBytes;
-    uint8_t fmt[kFmtBytes] = {};
     for (uint64_t done = 0; done < size;) {
-      const uint64_t n = std::min(step, size - done);
+      const uint64_t n = std::min(kBlockBytes, size - done);
       block.resize(static_cast<std::size_t>(n));
       if (take(n, block.data()) < n) throw truncated_chunk(header);
-      if (is_fmt && done == 0) std::memcpy(fmt, block.data(), std::min(n, kFmtBytes));
-      if (decode) append_frames(block.data(), n / frame_size, wav);
-      if (keep) early_data.insert(early_data.end(), block.begin(), block.end());
       done += n;
     }
-    if (is_fmt) {
-      if (size < kFmtBytes) throw std::runtime_error("invalid fmt chunk");
-      read_fmt(fmt, layout);
-    }
-    if (is_data) layout.data_seen = true;
-    if ((size & 1u) != 0 && !(layout.fmt_seen && layout.data_seen)) take(1, block.data());
+    fmt_seen = fmt_seen || has_id(header, "fmt ");
+    data_seen = data_seen || has_id(header, "data");
+    if ((size & 1u) != 0 && !(fmt_seen && data_seen)) take(1, block.data());
   }
   if (consumed < kMinWavBytes) throw not_wav(path);
-  check_layout(layout);
-  if (wav.samples.empty()) {  // fmt came after data
-    wav = empty_record(layout, 0);
-    append_frames(early_data.data(), early_data.size() / frame_bytes(wav), wav);
+}
+
+// Opens `path` as one part: its layout, from the file itself or from the
+// spool of a stream.
+WavPart open_part(const std::string& path, Layout& layout) {
+  WavPart part;
+  part.path = path;
+  part.fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (part.fd < 0) throw std::runtime_error("failed to open WAV: " + path);
+  struct Guard {
+    WavPart& part;
+    bool keep = false;
+    ~Guard() {
+      if (!keep) close(part.fd);
+    }
+  } guard{part};
+  struct stat info {};
+  if (fstat(part.fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    const int spool = open_spool();
+    if (spool < 0) throw std::runtime_error("failed to buffer WAV stream: " + path);
+    const int stream = part.fd;
+    part.fd = spool;  // the guard closes the spool from here on
+    struct Closer {
+      int fd;
+      ~Closer() { close(fd); }
+    } closer{stream};
+    spool_stream(stream, path, spool);
+    if (fstat(spool, &info) != 0) throw std::runtime_error("failed to buffer WAV stream: " + path);
   }
-  return wav;
+  layout = regular_layout(part.fd, static_cast<uint64_t>(info.st_size), path);
+  part.data_offset = layout.data_offset;
+  part.frames = layout.data_size / frame_bytes(layout.format);  // a partial last frame is ignored
+  guard.keep = true;
+  return part;
 }
 
 }  // namespace
@@ -271,17 +300,82 @@ WavData parse_wav(std::span<const uint8_t> bytes, const std::string& path) {
 }
 
 WavData read_wav(const std::string& path) {
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) throw std::runtime_error("failed to open WAV: " + path);
-  struct Closer {
-    int fd;
-    ~Closer() { close(fd); }
-  } closer{fd};
-  struct stat info {};
-  if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
-    return read_regular(fd, static_cast<uint64_t>(info.st_size), path);
+  const WavSource source = open_wav_source({path});
+  WavData wav = source.format;
+  wav.samples.assign(static_cast<std::size_t>(wav.channels), {});
+  for (auto& channel : wav.samples) {
+    reserve_large(channel, source.frames);
+    channel.resize(source.frames);
   }
-  return read_stream(fd, path);
+  const uint64_t step = block_frames(frame_bytes(wav));
+  std::vector<double*> out(wav.samples.size());
+  std::vector<uint8_t> scratch;
+  for (uint64_t f = 0; f < source.frames; f += step) {
+    for (std::size_t c = 0; c < out.size(); ++c) out[c] = wav.samples[c].data() + f;
+    read_frames(source, f, std::min(step, source.frames - f), out.data(), scratch);
+  }
+  return wav;
+}
+
+WavSource::WavSource(WavSource&& other) noexcept
+    : format(std::move(other.format)), parts(std::move(other.parts)), frames(other.frames) {
+  other.parts.clear();
+}
+
+WavSource& WavSource::operator=(WavSource&& other) noexcept {
+  if (this != &other) {
+    for (const WavPart& part : parts) close(part.fd);
+    format = std::move(other.format);
+    parts = std::move(other.parts);
+    frames = other.frames;
+    other.parts.clear();
+  }
+  return *this;
+}
+
+WavSource::~WavSource() {
+  for (const WavPart& part : parts) close(part.fd);
+}
+
+WavSource open_wav_source(const std::vector<std::string>& paths) {
+  WavSource source;
+  for (const std::string& path : paths) {
+    Layout layout;
+    source.parts.push_back(open_part(path, layout));
+    if (source.parts.size() == 1) {
+      source.format = layout.format;
+    } else if (layout.format.sample_rate != source.format.sample_rate ||
+               layout.format.channels != source.format.channels ||
+               layout.format.bits_per_sample != source.format.bits_per_sample) {
+      throw std::runtime_error("split capture part " + path + " differs in format from " + paths.front());
+    }
+    source.frames += source.parts.back().frames;
+  }
+  return source;
+}
+
+void read_frames(const WavSource& source, uint64_t first, uint64_t count, double* const* out,
+                 std::vector<uint8_t>& scratch) {
+  const std::size_t channels = static_cast<std::size_t>(source.format.channels);
+  const uint64_t size = frame_bytes(source.format);
+  std::vector<double*> at(out, out + channels);
+  uint64_t part_start = 0;  // the first frame of the part in hand
+  for (const WavPart& part : source.parts) {
+    if (count == 0) break;
+    const uint64_t part_end = part_start + part.frames;
+    if (first < part_end) {
+      const uint64_t n = std::min(count, part_end - first);
+      scratch.resize(static_cast<std::size_t>(n * size));
+      if (!pread_whole(part.fd, part.data_offset + (first - part_start) * size, n * size, scratch.data())) {
+        throw std::runtime_error("truncated WAV chunk: data");
+      }
+      decode_frames(scratch.data(), n, source.format, at.data());
+      for (double*& p : at) p += n;
+      first += n;
+      count -= n;
+    }
+    part_start = part_end;
+  }
 }
 
 }  // namespace sonderlark

@@ -26,36 +26,62 @@ int16_t pcm16_from_sample(double x) {
   return static_cast<int16_t>(std::round(x * 32767.0));
 }
 
-void write_mono_wav(const std::string& path, int32_t sample_rate, const std::vector<double>& samples) {
-  if (samples.size() > kMaxMonoWavSamples) throw std::runtime_error("failed to write WAV: " + path);
-  FileReplacement file = begin_replacement(path);
-  if (file.fd < 0) throw std::runtime_error("failed to write WAV: " + path);
+MonoWavWriter begin_mono_wav(const std::string& path, int32_t sample_rate, uint64_t samples) {
+  if (samples > kMaxMonoWavSamples) throw std::runtime_error("failed to write WAV: " + path);
+  MonoWavWriter writer;
+  writer.file = begin_replacement(path);
+  if (writer.file.fd < 0) throw std::runtime_error("failed to write WAV: " + path);
+  writer.expected = samples;
 
   const uint32_t rate = static_cast<uint32_t>(sample_rate);
-  const uint32_t data_size = static_cast<uint32_t>(samples.size()) * 2u;  // 2 bytes per mono sample
-  std::string bytes = "RIFF";
+  const uint32_t data_size = static_cast<uint32_t>(samples) * 2u;  // 2 bytes per mono sample
+  std::string& bytes = writer.bytes;
+  bytes = "RIFF";
   write_le32(bytes, 36u + data_size);  // "WAVE" (4) + fmt chunk (8 + 16) + data header (8) + data
   bytes += "WAVEfmt ";
-  write_le32(bytes, 16);        // PCM fmt body
-  write_le16(bytes, 1);         // integer PCM
-  write_le16(bytes, 1);         // mono
+  write_le32(bytes, 16);         // PCM fmt body
+  write_le16(bytes, 1);          // integer PCM
+  write_le16(bytes, 1);          // mono
   write_le32(bytes, rate);
   write_le32(bytes, rate * 2u);  // byte rate: rate x 1 channel x 2 bytes
-  write_le16(bytes, 2);         // block align: 1 channel x 2 bytes
-  write_le16(bytes, 16);        // bits per sample
+  write_le16(bytes, 2);          // block align: 1 channel x 2 bytes
+  write_le16(bytes, 16);         // bits per sample
   bytes += "data";
   write_le32(bytes, data_size);
+  replacement_write(writer.file, bytes);
+  return writer;
+}
+
+void write_mono_samples(MonoWavWriter& writer, const double* samples, std::size_t count) {
+  writer.bytes.clear();
+  writer.bytes.reserve(2 * count);
+  for (std::size_t i = 0; i < count; ++i) {
+    write_le16(writer.bytes, static_cast<uint16_t>(pcm16_from_sample(samples[i])));
+  }
+  replacement_write(writer.file, writer.bytes);
+  writer.written += count;
+}
+
+void finish_mono_wav(MonoWavWriter& writer) {
+  if (writer.written != writer.expected) writer.file.failed = true;
+  if (!finish_replacement(writer.file)) throw std::runtime_error("failed to write WAV: " + writer.file.path);
+}
+
+MonoWavWriter::MonoWavWriter(MonoWavWriter&& other) noexcept
+    : file(std::move(other.file)), expected(other.expected), written(other.written), bytes(std::move(other.bytes)) {
+  other.file.fd = -1;  // the temporary file is ours now
+}
+
+MonoWavWriter::~MonoWavWriter() { abandon_replacement(file); }
+
+void write_mono_wav(const std::string& path, int32_t sample_rate, const std::vector<double>& samples) {
+  MonoWavWriter writer = begin_mono_wav(path, sample_rate, samples.size());
   // Samples go out in blocks after the header.
   constexpr std::size_t kBlockSamples = 1 << 16;
-  bytes.reserve(std::max(bytes.size(), 2 * kBlockSamples));
   for (std::size_t start = 0; start < samples.size(); start += kBlockSamples) {
-    const std::size_t end = std::min(samples.size(), start + kBlockSamples);
-    for (std::size_t i = start; i < end; ++i) write_le16(bytes, static_cast<uint16_t>(pcm16_from_sample(samples[i])));
-    replacement_write(file, bytes);
-    bytes.clear();
+    write_mono_samples(writer, samples.data() + start, std::min(kBlockSamples, samples.size() - start));
   }
-  replacement_write(file, bytes);
-  if (!finish_replacement(file)) throw std::runtime_error("failed to write WAV: " + path);
+  finish_mono_wav(writer);
 }
 
 }  // namespace sonderlark

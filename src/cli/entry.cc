@@ -2,9 +2,11 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <exception>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "cli/exit_status.h"
 #include "cli/one_shot.h"
@@ -25,10 +27,19 @@ int run_one_shot(Options& options, Logger& logger) {
         one_shot_capture_command(options.device, options.duration_seconds, options.output_path);
     logger.line("capture command: " + command);
     std::cout.flush();  // our lines before arecord's own output
+    const std::time_t started = std::time(nullptr);
     const int status = std::system(command.c_str());
     if (status != 0) {
       logger.line("error: arecord capture failed with status " + std::to_string(status));
       return kExitCaptureFailed;
+    }
+    // A capture over 2 GiB comes back in parts, analysed as one recording.
+    const std::vector<std::string> parts = split_capture_parts(options.output_path, started);
+    if (!parts.empty()) {
+      logger.line("capture split by arecord into " + std::to_string(parts.size()) + " files: " + parts.front() +
+                  " .. " + parts.back());
+      options.output_path = parts.front();
+      return run_one_shot_analysis(options, parts, logger);
     }
   } else if (!options.input_wav_path.empty()) {
     options.output_path = options.input_wav_path;
@@ -36,7 +47,7 @@ int run_one_shot(Options& options, Logger& logger) {
   } else {
     logger.line("capture skipped; analyzing output WAV path: " + options.output_path);
   }
-  return run_one_shot_analysis(options, logger);
+  return run_one_shot_analysis(options, {options.output_path}, logger);
 }
 
 }  // namespace

@@ -4,8 +4,8 @@
 #include <vector>
 
 #include "audio/wav.h"
-#include "dsp/chain.h"
 #include "dsp/diagnostics.h"
+#include "dsp/recording.h"
 #include "report/json.h"
 #include "report/manifest.h"
 #include "util/text.h"
@@ -22,52 +22,47 @@ void append(std::vector<std::string>& warnings, const std::vector<std::string>& 
 
 }  // namespace
 
-int run_one_shot_analysis(const Options& options, Logger& logger) {
-  WavData input = read_wav(options.output_path);
+int run_one_shot_analysis(const Options& options, const std::vector<std::string>& wav_paths, Logger& logger) {
+  const WavSource input = open_wav_source(wav_paths);
+  const WavData& format = input.format;  // the header fields, for the beam and the manifest
   double duration = 0.0;
-  if (!input.samples.empty() && input.sample_rate > 0) {
-    duration = static_cast<double>(input.samples[0].size()) / input.sample_rate;
+  if (input.frames > 0 && format.sample_rate > 0) {
+    duration = static_cast<double>(input.frames) / format.sample_rate;
   }
-  logger.line("sample_rate: " + std::to_string(input.sample_rate));
-  logger.line("channels: " + std::to_string(input.channels));
+  logger.line("sample_rate: " + std::to_string(format.sample_rate));
+  logger.line("channels: " + std::to_string(format.channels));
   logger.line("duration_seconds: " + fixed(duration, 6));
   logger.line("input_gain_db: " + fixed(options.input_gain_db, 6));
   logger.line("raw audio is preserved unchanged; gain is applied only to processed analysis/beamforming samples");
 
   std::vector<std::string> warnings;
-  if (input.sample_rate != kExpectedSampleRate) {
+  if (format.sample_rate != kExpectedSampleRate) {
     warnings.push_back("sample rate differs from expected 16000 Hz");
   }
-  if (input.channels != kExpectedChannels) {
+  if (format.channels != kExpectedChannels) {
     warnings.push_back("channel count differs from expected Kinect v2 4-channel capture");
   }
 
-  const ChannelDiagnostics raw = diagnose_channels(input, "raw channel");
-  append(warnings, raw.warnings);
+  // The beam goes to its file as it is formed; the file replaces an earlier
+  // one only once whole.
+  MonoWavWriter beam_file = begin_mono_wav(options.beamformed_path, format.sample_rate, input.frames);
+  const RecordingAnalysis analysis =
+      analyse_recording(input, options.input_gain_db, [&beam_file](const double* samples, std::size_t count) {
+        write_mono_samples(beam_file, samples, count);
+      });
+  finish_mono_wav(beam_file);
 
-  // The raw samples are measured; from here on only the processed copy is
-  // read, so the chain takes the record over instead of copying it.
-  WavData format;  // the header fields, for the beam and the manifest
-  format.sample_rate = input.sample_rate;
-  format.channels = input.channels;
-  format.bits_per_sample = input.bits_per_sample;
-  ChainResult chain = run_chain(std::move(input), options.input_gain_db, "processed channel", "processed");
-  append(warnings, chain.gain_warnings);
-  const ChannelDiagnostics& processed_levels = chain.processed;
+  const ChannelDiagnostics& raw = analysis.raw;
+  append(warnings, raw.warnings);
+  append(warnings, analysis.gain_warnings);
+  const ChannelDiagnostics& processed_levels = analysis.processed;
   append(warnings, processed_levels.warnings);
-  const DirectionEstimate& direction = chain.direction;
+  const DirectionEstimate& direction = analysis.direction;
   if (direction.low_confidence) {
     warnings.push_back("direction confidence is low; angle should be treated as a weak hint only");
   }
-  BeamformResult& beam = chain.beam;
-  write_mono_wav(options.beamformed_path, format.sample_rate, beam.samples);
-
-  WavData beam_record;
-  beam_record.sample_rate = format.sample_rate;
-  beam_record.channels = 1;
-  beam_record.bits_per_sample = 16;
-  beam_record.samples.push_back(std::move(beam.samples));  // the manifest needs only lags and method
-  const ChannelDiagnostics beam_levels = diagnose_channels(beam_record, "beamformed channel");
+  const BeamformResult& beam = analysis.beam;
+  const ChannelDiagnostics& beam_levels = analysis.beamformed;
   append(warnings, beam_levels.warnings);
 
   log_diagnostics(logger, "raw 4-channel levels (unmodified capture)", raw);

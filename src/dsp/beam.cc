@@ -9,6 +9,22 @@
 #include "util/vector_clones.h"
 
 namespace sonderlark {
+
+bool beam_is_guided(const DirectionEstimate& direction, int32_t channels) {
+  return !direction.low_confidence && channels >= kMinSteeringChannels;
+}
+
+std::vector<int32_t> guided_lags(const DirectionEstimate& direction, int32_t channels) {
+  std::vector<int32_t> lags(static_cast<std::size_t>(channels), 0);
+  const double end_to_end = direction.lag_samples_ch0_to_ch3;
+  for (int32_t c = 0; c < channels; ++c) {
+    // Division first, then the lag; lround takes halves away from zero.
+    const double share = static_cast<double>(c) / static_cast<double>(channels - 1);
+    lags[static_cast<std::size_t>(c)] = static_cast<int32_t>(std::lround(share * end_to_end));
+  }
+  return lags;
+}
+
 namespace {
 
 // Shifts and method: guided by a confident estimate on 4+ channels, else
@@ -18,21 +34,16 @@ void choose_lags(const WavData& data, const DirectionEstimate& direction, std::s
                  std::optional<int32_t> channel3_lag, BeamformResult& result) {
   const int32_t m = data.channels;
   const auto& ch = data.samples;
-  result.lags.assign(static_cast<std::size_t>(m), 0);
-  if (!direction.low_confidence && m >= kMinSteeringChannels) {
-    const double end_to_end = direction.lag_samples_ch0_to_ch3;
-    for (int32_t c = 0; c < m; ++c) {
-      // Division first, then the lag; lround takes halves away from zero.
-      const double share = static_cast<double>(c) / static_cast<double>(m - 1);
-      result.lags[static_cast<std::size_t>(c)] = static_cast<int32_t>(std::lround(share * end_to_end));
-    }
-    result.method = "direction-guided delay-and-sum from processed samples";
+  if (beam_is_guided(direction, m)) {
+    result.lags = guided_lags(direction, m);
+    result.method = kGuidedBeamMethod;
   } else {
     static_assert(kFallbackMaxLag == kEndToEndMaxLag);
+    result.lags.assign(static_cast<std::size_t>(m), 0);
     for (std::size_t c = 1; c < channels; ++c) {
       result.lags[c] = c == 3 && channel3_lag ? *channel3_lag : best_lag(ch[0], ch[c], kFallbackMaxLag).lag;
     }
-    result.method = "fallback channel-alignment delay-and-sum from processed samples";
+    result.method = kFallbackBeamMethod;
   }
 }
 
@@ -117,6 +128,45 @@ void average_aligned(const std::vector<std::vector<double>>& ch, std::size_t cha
 }
 
 }  // namespace
+
+void beam_block(const double* const* ch, std::size_t channels, const std::vector<int32_t>& lags, int64_t origin,
+                int64_t n, int64_t from, int64_t to, double* out) {
+  int64_t lowest = 0;
+  int64_t highest = 0;
+  for (std::size_t c = 0; c < channels; ++c) {
+    lowest = std::min<int64_t>(lowest, lags[c]);
+    highest = std::max<int64_t>(highest, lags[c]);
+  }
+  // Where every shifted index is inside, no check is needed.
+  const int64_t inner_begin = std::clamp(-lowest, from, to);
+  const int64_t inner_end = std::clamp(n - highest, inner_begin, to);
+  auto edge_sample = [&](int64_t i) {
+    double sum = 0.0;
+    int32_t count = 0;
+    for (std::size_t c = 0; c < channels; ++c) {
+      const int64_t j = i + lags[c];
+      if (j >= 0 && j < n) {
+        sum += ch[c][j - origin];
+        ++count;
+      }
+    }
+    return count > 0 ? sum / count : 0.0;
+  };
+  for (int64_t i = from; i < inner_begin; ++i) out[i - from] = edge_sample(i);
+  if (channels == 4) {
+    const int64_t at = inner_begin - origin;
+    mean_of_four(ch[0] + at, ch[1] + at, ch[2] + at, ch[3] + at, lags.data(), 0, inner_end - inner_begin,
+                 out + (inner_begin - from));
+  } else {
+    const double count = static_cast<double>(channels);
+    for (int64_t i = inner_begin; i < inner_end; ++i) {
+      double sum = 0.0;
+      for (std::size_t c = 0; c < channels; ++c) sum += ch[c][i + lags[c] - origin];
+      out[i - from] = sum / count;
+    }
+  }
+  for (int64_t i = inner_end; i < to; ++i) out[i - from] = edge_sample(i);
+}
 
 BeamformResult beamform_delay_and_sum(const WavData& data, const DirectionEstimate& direction) {
   BeamformResult result;

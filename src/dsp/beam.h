@@ -39,4 +39,21 @@ BeamformResult beamform_delay_and_sum(WavData&& data, const DirectionEstimate& d
 BeamformResult beamform_delay_and_sum(WavData&& data, const DirectionEstimate& direction,
                                       std::optional<int32_t> channel3_lag);
 
+inline constexpr const char* kGuidedBeamMethod = "direction-guided delay-and-sum from processed samples";
+inline constexpr const char* kFallbackBeamMethod = "fallback channel-alignment delay-and-sum from processed samples";
+
+// True when the beam follows the estimate (confident, 4+ channels) rather
+// than aligning each channel to channel 0 on its own.
+bool beam_is_guided(const DirectionEstimate& direction, int32_t channels);
+
+// The shifts of a guided beam: channel c by round(c / (channels - 1) x L).
+std::vector<int32_t> guided_lags(const DirectionEstimate& direction, int32_t channels);
+
+// One block of the beam of channels of length n: out[i - from] for i in
+// [from, to), with sample i of channel c at ch[c][i - origin]. Each channel
+// must hold the indices the lags reach from the block that lie in [0, n).
+// The same bits as the whole-record beam at those indices.
+void beam_block(const double* const* ch, std::size_t channels, const std::vector<int32_t>& lags, int64_t origin,
+                int64_t n, int64_t from, int64_t to, double* out);
+
 }  // namespace sonderlark

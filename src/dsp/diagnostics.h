@@ -27,6 +27,31 @@ constexpr double kClippingPeakThreshold = 0.999;   // peak at or above: clipping
 // shorter than one block has its rms as noise floor.
 ChannelDiagnostics diagnose_channels(const WavData& data, const std::string& label);
 
+// The same measures taken from a recording that arrives in consecutive
+// pieces: per channel the running sums, the level of the block in progress
+// and the quietest block levels so far (a tenth of the blocks: that is all
+// the noise floor averages). Fed every frame once, in order, it gives the
+// bits of diagnose_channels on the whole recording.
+struct LevelMeter {
+  std::size_t channels = 0;
+  std::size_t block = 1;  // noise-floor block, as diagnose_channels
+  uint64_t frames = 0;    // the whole recording's length, known in advance
+  uint64_t seen = 0;
+  std::size_t quiet = 1;  // how many of the quietest blocks the floor averages
+  std::vector<double> total;
+  std::vector<double> peak;
+  std::vector<double> block_sum;
+  std::vector<std::vector<double>> quietest;  // per channel, a max-heap
+};
+
+LevelMeter start_levels(int32_t channels, int32_t sample_rate, uint64_t frames);
+
+// Adds the next `count` frames: channel c's at x[c][0 .. count).
+void add_levels(LevelMeter& meter, const double* const* x, std::size_t count);
+
+// The measures, with diagnose_channels' warning lines.
+ChannelDiagnostics finish_levels(const LevelMeter& meter, const std::string& label);
+
 // Processed levels strictly above this on any channel count as speech.
 constexpr double kSpeechRmsThreshold = 0.003;
 

@@ -7,9 +7,7 @@
 #include "util/vector_clones.h"
 
 namespace sonderlark {
-namespace {
 
-// s[i] *= gain, limited to full scale; returns how many samples were limited.
 // Exactly +-1.0 is full scale, not a clip; NaN passes through.
 SONDERLARK_VECTOR_CLONES
 int64_t scale_and_limit(double* s, std::size_t n, double gain) {
@@ -24,25 +22,12 @@ int64_t scale_and_limit(double* s, std::size_t n, double gain) {
   return clipped;
 }
 
-}  // namespace
+double gain_factor(double gain_db) { return std::pow(10.0, gain_db / 20.0); }
 
-WavData apply_input_gain(const WavData& raw, double gain_db, std::vector<std::string>& warnings) {
-  return apply_input_gain(WavData(raw), gain_db, warnings);
-}
-
-WavData apply_input_gain(WavData&& raw, double gain_db, std::vector<std::string>& warnings) {
-  WavData processed = std::move(raw);
-  const double gain = std::pow(10.0, gain_db / 20.0);
-  if (processed.channels < 1) return processed;
-
-  std::vector<int64_t> clipped(processed.samples.size(), 0);
+void add_clipping_warning(double gain_db, const std::vector<int64_t>& clipped, std::vector<std::string>& warnings) {
   bool any_clipped = false;
-  for (std::size_t c = 0; c < processed.samples.size(); ++c) {
-    clipped[c] = scale_and_limit(processed.samples[c].data(), processed.samples[c].size(), gain);
-    any_clipped = any_clipped || clipped[c] > 0;
-  }
-  if (!any_clipped) return processed;
-
+  for (int64_t count : clipped) any_clipped = any_clipped || count > 0;
+  if (!any_clipped) return;
   std::string warning = "input gain " + fixed(gain_db, 1) + " dB caused processed-signal clipping";
   for (std::size_t c = 0; c < clipped.size(); ++c) {
     if (clipped[c] > 0) {
@@ -50,6 +35,22 @@ WavData apply_input_gain(WavData&& raw, double gain_db, std::vector<std::string>
     }
   }
   warnings.push_back(warning);
+}
+
+WavData apply_input_gain(const WavData& raw, double gain_db, std::vector<std::string>& warnings) {
+  return apply_input_gain(WavData(raw), gain_db, warnings);
+}
+
+WavData apply_input_gain(WavData&& raw, double gain_db, std::vector<std::string>& warnings) {
+  WavData processed = std::move(raw);
+  const double gain = gain_factor(gain_db);
+  if (processed.channels < 1) return processed;
+
+  std::vector<int64_t> clipped(processed.samples.size(), 0);
+  for (std::size_t c = 0; c < processed.samples.size(); ++c) {
+    clipped[c] = scale_and_limit(processed.samples[c].data(), processed.samples[c].size(), gain);
+  }
+  add_clipping_warning(gain_db, clipped, warnings);
   return processed;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -16,5 +17,13 @@ WavData apply_input_gain(const WavData& raw, double gain_db, std::vector<std::st
 // The same, scaling a record the caller no longer needs in place of a copy
 // (a long recording is then held once).
 WavData apply_input_gain(WavData&& raw, double gain_db, std::vector<std::string>& warnings);
+
+// The pieces of the gain, for a recording processed a block at a time.
+// The factor of `gain_db`: 10^(gain_db / 20).
+double gain_factor(double gain_db);
+// s[i] *= gain in place, limited to full scale; how many samples were limited.
+int64_t scale_and_limit(double* s, std::size_t n, double gain);
+// The clipping warning from the limited count of each channel, if any.
+void add_clipping_warning(double gain_db, const std::vector<int64_t>& clipped, std::vector<std::string>& warnings);
 
 }  // namespace sonderlark

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -42,6 +43,25 @@ std::string build_capture_command(const std::string& device) {
 std::string one_shot_capture_command(const std::string& device, int32_t seconds, const std::string& output_path) {
   return "arecord -D " + shell_quote(device) + " -f S32_LE -r " + std::to_string(16000) + " -c " + std::to_string(4) +
          " -d " + std::to_string(seconds) + " -t wav " + shell_quote(output_path);
+}
+
+std::vector<std::string> split_capture_parts(const std::string& output_path, std::time_t started) {
+  const std::size_t name = output_path.rfind('/') == std::string::npos ? 0 : output_path.rfind('/') + 1;
+  const std::size_t dot = output_path.rfind('.');
+  const bool has_extension = dot != std::string::npos && dot > name;
+  const std::string stem = has_extension ? output_path.substr(0, dot) : output_path;
+  const std::string extension = has_extension ? output_path.substr(dot) : "";
+  std::vector<std::string> parts;
+  for (int number = 1;; ++number) {
+    char suffix[16];
+    std::snprintf(suffix, sizeof suffix, "-%02d", number);
+    const std::string part = stem + suffix + extension;
+    struct stat info {};
+    if (stat(part.c_str(), &info) != 0) break;
+    if (number == 1 && info.st_mtime < started) break;  // left by an earlier capture
+    parts.push_back(part);
+  }
+  return parts;
 }
 
 bool start_capture(CaptureChild& child, Logger& logger) {

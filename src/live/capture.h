@@ -4,7 +4,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <ctime>
 #include <string>
+#include <vector>
 
 #include "util/logger.h"
 
@@ -41,6 +43,13 @@ std::string build_capture_command(const std::string& device);
 // The one-shot run's recording into a WAV file:
 // "arecord -D <quoted device> -f S32_LE -r 16000 -c 4 -d <seconds> -t wav <quoted path>"
 std::string one_shot_capture_command(const std::string& device, int32_t seconds, const std::string& output_path);
+
+// arecord splits a WAV capture at 2 GiB into STEM-01.EXT, STEM-02.EXT, ...
+// (STEM.EXT being `output_path`) and writes nothing at `output_path`. The
+// parts of such a capture, in order as long as the next number exists, when
+// STEM-01.EXT was modified no earlier than `started` (the capture's start,
+// seconds since the epoch); none when the capture fitted one file.
+std::vector<std::string> split_capture_parts(const std::string& output_path, std::time_t started);
 
 // Starts a child running capture_command. The standard error file is opened
 // without following links or blocking and must be a regular file; when it is

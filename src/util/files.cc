@@ -53,6 +53,13 @@ bool finish_replacement(FileReplacement& file) {
   return false;
 }
 
+void abandon_replacement(FileReplacement& file) {
+  if (file.fd < 0) return;
+  close(file.fd);
+  file.fd = -1;
+  unlink(file.temp_path.c_str());
+}
+
 void ignore_write_signals() {
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);

@@ -32,6 +32,10 @@ void replacement_write(FileReplacement& file, std::string_view bytes);
 // temporary file is removed, `path` is left as it was, and false returned.
 bool finish_replacement(FileReplacement& file);
 
+// Closes and removes the temporary file of a replacement that will not be
+// finished (an error came up on the way); `path` is left as it was.
+void abandon_replacement(FileReplacement& file);
+
 // Standard output and this process: SIGPIPE and SIGXFSZ are ignored, so a
 // closed reader or a file-size limit is a failed write, not a killed run.
 void ignore_write_signals();

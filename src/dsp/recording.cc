@@ -1,0 +1,210 @@
+#include "dsp/recording.h"
+
+#include <algorithm>
+#include <cassert>
+
+#include "dsp/gain.h"
+#include "dsp/lag_kernels.h"
+
+namespace sonderlark {
+namespace {
+
+// Every lag the chain uses lies within +-8: a block is read with this many
+// neighbours either side.
+constexpr int64_t kHalo = kEndToEndMaxLag;
+static_assert(kFallbackMaxLag <= kHalo && kAdjacentMaxLag <= kHalo);
+
+// Samples per window at most, whatever the channel count claims: 512 KiB.
+constexpr std::size_t kWindowSamples = 1 << 16;
+
+// Fallback searches run this many channels per two passes.
+constexpr std::size_t kSearchesPerPass = 16;
+
+// A block of every channel with its neighbours: sample i of channel c at
+// at[c][i - origin], read for [lo, hi).
+struct Window {
+  std::vector<std::vector<double>> samples;
+  std::vector<double*> at;
+  int64_t origin = 0;
+  int64_t lo = 0;
+  int64_t hi = 0;
+  std::vector<uint8_t> scratch;
+  std::vector<double*> read_at;
+};
+
+Window make_window(std::size_t channels, std::size_t block) {
+  Window w;
+  w.samples.assign(channels, std::vector<double>(block + 2 * kHalo));
+  for (auto& channel : w.samples) w.at.push_back(channel.data());
+  w.read_at.resize(channels);
+  return w;
+}
+
+// Reads frames [from, to) and their neighbours, as recorded.
+void load_block(const WavSource& source, int64_t from, int64_t to, Window& w) {
+  const int64_t n = static_cast<int64_t>(source.frames);
+  w.origin = from - kHalo;
+  w.lo = std::max<int64_t>(0, from - kHalo);
+  w.hi = std::min<int64_t>(n, to + kHalo);
+  for (std::size_t c = 0; c < w.at.size(); ++c) w.read_at[c] = w.at[c] + (w.lo - w.origin);
+  read_frames(source, static_cast<uint64_t>(w.lo), static_cast<uint64_t>(w.hi - w.lo), w.read_at.data(), w.scratch);
+}
+
+// The input gain over the whole window; samples limited inside [from, to)
+// are counted into `clipped` (the neighbours are counted with their own block).
+void gain_block(double gain, int64_t from, int64_t to, Window& w, std::vector<int64_t>* clipped) {
+  for (std::size_t c = 0; c < w.at.size(); ++c) {
+    double* s = w.at[c];
+    scale_and_limit(s + (w.lo - w.origin), static_cast<std::size_t>(from - w.lo), gain);
+    const int64_t inside = scale_and_limit(s + (from - w.origin), static_cast<std::size_t>(to - from), gain);
+    scale_and_limit(s + (to - w.origin), static_cast<std::size_t>(w.hi - to), gain);
+    if (clipped != nullptr) (*clipped)[c] += inside;
+  }
+}
+
+// Pointers to frame `from` of every channel of the window.
+std::vector<const double*> block_start(const Window& w, int64_t from) {
+  std::vector<const double*> p;
+  for (double* channel : w.at) p.push_back(channel + (from - w.origin));
+  return p;
+}
+
+// A lag search between two channels.
+struct PairSearch {
+  std::size_t a;
+  std::size_t b;
+  LagSearch search;
+};
+
+PairSearch pair_search(std::size_t a, std::size_t b, int32_t max_lag, uint64_t frames) {
+  return {a, b, start_lag_search(default_lag_kernel(), max_lag, static_cast<int64_t>(frames))};
+}
+
+void add_pair_blocks(std::vector<PairSearch>& searches, const Window& w, int64_t from, int64_t to) {
+  for (PairSearch& p : searches) add_lag_block(p.search, w.at[p.a], w.at[p.b], w.origin, from, to);
+}
+
+LagResult pair_result(const PairSearch& p) {
+  std::vector<double> scores(2 * static_cast<std::size_t>(p.search.max_lag) + 1);
+  lag_search_scores(p.search, scores.data());
+  return pick_lag(scores.data(), p.search.max_lag);
+}
+
+}  // namespace
+
+RecordingAnalysis analyse_recording(const WavSource& source, double gain_db, const BeamSink& beam_out,
+                                    std::size_t block_frames) {
+  RecordingAnalysis result;
+  const std::size_t m = static_cast<std::size_t>(source.format.channels);
+  assert(m >= 1);
+  const int32_t channels = source.format.channels;
+  const uint64_t frames = source.frames;
+  const int64_t n = static_cast<int64_t>(frames);
+  const double gain = gain_factor(gain_db);
+  const int64_t block = static_cast<int64_t>(std::max<std::size_t>(1, std::min(block_frames, kWindowSamples / m)));
+  Window w = make_window(m, static_cast<std::size_t>(block));
+
+  // Reads the recording once, block by block, with the gain applied unless
+  // `raw` wants the block first.
+  auto each_block = [&](auto body) {
+    for (int64_t from = 0; from < n; from += block) {
+      const int64_t to = std::min(n, from + block);
+      load_block(source, from, to, w);
+      body(from, to);
+    }
+  };
+  auto processed_blocks = [&](auto body) {
+    each_block([&](int64_t from, int64_t to) {
+      gain_block(gain, from, to, w, nullptr);
+      body(from, to);
+    });
+  };
+  // Two passes of a set of searches: the sums, the means, the products.
+  auto run_searches = [&](std::vector<PairSearch>& searches) {
+    if (searches.empty()) return;
+    processed_blocks([&](int64_t from, int64_t to) { add_pair_blocks(searches, w, from, to); });
+    for (PairSearch& p : searches) take_lag_means(p.search);
+    processed_blocks([&](int64_t from, int64_t to) { add_pair_blocks(searches, w, from, to); });
+  };
+
+  // First pass: levels before and after the gain, and the sums of the
+  // direction's four searches.
+  LevelMeter raw = start_levels(channels, source.format.sample_rate, frames);
+  LevelMeter processed = start_levels(channels, source.format.sample_rate, frames);
+  std::vector<int64_t> clipped(m, 0);
+  const bool estimate = m >= 4 && n > 0;
+  std::vector<PairSearch> direction_searches;
+  if (estimate) {
+    direction_searches.push_back(pair_search(0, 3, kEndToEndMaxLag, frames));
+    direction_searches.push_back(pair_search(0, 1, kAdjacentMaxLag, frames));
+    direction_searches.push_back(pair_search(1, 2, kAdjacentMaxLag, frames));
+    direction_searches.push_back(pair_search(2, 3, kAdjacentMaxLag, frames));
+  }
+  each_block([&](int64_t from, int64_t to) {
+    const std::size_t count = static_cast<std::size_t>(to - from);
+    add_levels(raw, block_start(w, from).data(), count);
+    gain_block(gain, from, to, w, &clipped);
+    add_levels(processed, block_start(w, from).data(), count);
+    add_pair_blocks(direction_searches, w, from, to);
+  });
+  result.raw = finish_levels(raw, "raw channel");
+  add_clipping_warning(gain_db, clipped, result.gain_warnings);
+  result.processed = finish_levels(processed, "processed channel");
+
+  // Second pass: the centred products, and the estimate.
+  std::optional<int32_t> end_to_end_lag;
+  if (estimate) {
+    for (PairSearch& p : direction_searches) take_lag_means(p.search);
+    processed_blocks([&](int64_t from, int64_t to) { add_pair_blocks(direction_searches, w, from, to); });
+    const LagResult r03 = pair_result(direction_searches[0]);
+    end_to_end_lag = r03.lag;
+    result.direction = direction_from_lags(r03, pair_result(direction_searches[1]),
+                                           pair_result(direction_searches[2]), pair_result(direction_searches[3]),
+                                           "processed");
+  } else {
+    result.direction.samples_source = "processed";
+  }
+
+  // The shifts: from the estimate, or each channel aligned to channel 0
+  // (two more passes per batch of channels; channel 3's search is the
+  // estimate's own).
+  BeamformResult& beam = result.beam;
+  if (beam_is_guided(result.direction, channels)) {
+    beam.lags = guided_lags(result.direction, channels);
+    beam.method = kGuidedBeamMethod;
+  } else {
+    beam.lags.assign(m, 0);
+    std::vector<std::size_t> wanted;
+    for (std::size_t c = 1; c < m; ++c) {
+      if (c == 3 && end_to_end_lag) {
+        beam.lags[c] = *end_to_end_lag;
+      } else {
+        wanted.push_back(c);
+      }
+    }
+    for (std::size_t first = 0; first < wanted.size(); first += kSearchesPerPass) {
+      std::vector<PairSearch> searches;
+      for (std::size_t k = first; k < std::min(wanted.size(), first + kSearchesPerPass); ++k) {
+        searches.push_back(pair_search(0, wanted[k], kFallbackMaxLag, frames));
+      }
+      run_searches(searches);
+      for (const PairSearch& p : searches) beam.lags[p.b] = pair_result(p).lag;
+    }
+    beam.method = kFallbackBeamMethod;
+  }
+
+  // Last pass: the beam, to the sink and its levels.
+  LevelMeter beam_levels = start_levels(1, source.format.sample_rate, frames);
+  std::vector<double> out(static_cast<std::size_t>(block));
+  processed_blocks([&](int64_t from, int64_t to) {
+    beam_block(w.at.data(), m, beam.lags, w.origin, n, from, to, out.data());
+    const std::size_t count = static_cast<std::size_t>(to - from);
+    const double* beam_at = out.data();
+    add_levels(beam_levels, &beam_at, count);
+    beam_out(out.data(), count);
+  });
+  result.beamformed = finish_levels(beam_levels, "beamformed channel");
+  return result;
+}
+
+}  // namespace sonderlark

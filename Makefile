@@ -44,7 +44,7 @@ bench:
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DSONDERLARK_TESTS=OFF -DSONDERLARK_BENCH=ON >/dev/null
 	cmake --build build-bench -j $(JOBS)
 	build-bench/bench/sonderlark_bench
-	python3 bench/one_shot_hour.py build-bench 60
+	python3 bench/one_shot_long.py build-bench
 	python3 bench/live_bench.py build-bench 5
 	python3 bench/latency.py build-bench 256 1024 4096
 

@@ -58,7 +58,8 @@ struct WavSource {
 };
 
 // Opens the files at `paths` (at least one) with the reader's checks and
-// messages. Every further part must have the first one's sample rate,
+// messages. Of several parts, one whose data chunk claims 2^31 - 1 bytes
+// (arecord's size for a full 2 GiB part) holds the data to its end. Every further part must have the first one's sample rate,
 // channel count and sample size, else "split capture part PATH differs in
 // format from PATH0". A pipe that cannot be buffered gives "failed to buffer
 // WAV stream: PATH".

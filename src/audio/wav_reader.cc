@@ -20,6 +20,7 @@ constexpr uint64_t kMinWavBytes = 44;
 constexpr uint64_t kChunkHeaderBytes = 8;
 constexpr uint64_t kFmtBytes = 16;
 constexpr uint64_t kBlockBytes = 1 << 20;  // data are decoded this much at a time
+constexpr uint64_t kArecordPartSize = 0x7FFFFFFF;
 
 uint16_t le16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
 
@@ -253,7 +254,7 @@ void spool_stream(int fd, const std::string& path, int spool) {
 
 // Opens `path` as one part: its layout, from the file itself or from the
 // spool of a stream.
-WavPart open_part(const std::string& path, Layout& layout) {
+WavPart open_part(const std::string& path, bool split_part, Layout& layout) {
   WavPart part;
   part.path = path;
   part.fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -278,9 +279,14 @@ WavPart open_part(const std::string& path, Layout& layout) {
     spool_stream(stream, path, spool);
     if (fstat(spool, &info) != 0) throw std::runtime_error("failed to buffer WAV stream: " + path);
   }
-  layout = regular_layout(part.fd, static_cast<uint64_t>(info.st_size), path);
+  const uint64_t total = static_cast<uint64_t>(info.st_size);
+  layout = regular_layout(part.fd, total, path);
   part.data_offset = layout.data_offset;
-  part.frames = layout.data_size / frame_bytes(layout.format);  // a partial last frame is ignored
+  uint64_t data_size = layout.data_size;
+  // arecord writes 2^31 - 1 as the size of a split capture's full part
+  // (2^31 bytes follow): such a part's data run to the end of the file.
+  if (split_part && data_size == kArecordPartSize) data_size = std::max(data_size, total - layout.data_offset);
+  part.frames = data_size / frame_bytes(layout.format);  // a partial last frame is ignored
   guard.keep = true;
   return part;
 }
@@ -341,7 +347,7 @@ WavSource open_wav_source(const std::vector<std::string>& paths) {
   WavSource source;
   for (const std::string& path : paths) {
     Layout layout;
-    source.parts.push_back(open_part(path, layout));
+    source.parts.push_back(open_part(path, paths.size() > 1, layout));
     if (source.parts.size() == 1) {
       source.format = layout.format;
     } else if (layout.format.sample_rate != source.format.sample_rate ||

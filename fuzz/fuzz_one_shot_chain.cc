@@ -14,9 +14,53 @@
 #include "dsp/diagnostics.h"
 #include "dsp/direction.h"
 #include "dsp/gain.h"
+#include "dsp/recording.h"
 #include "fuzz_check.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 using namespace sonderlark;
+
+namespace {
+
+bool same_bits(const std::vector<double>& a, const std::vector<double>& b) {
+  return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(double)) == 0);
+}
+
+bool same_levels(const ChannelDiagnostics& a, const ChannelDiagnostics& b) {
+  return same_bits(a.rms, b.rms) && same_bits(a.peak, b.peak) && same_bits(a.noise_floor, b.noise_floor) &&
+         a.warnings == b.warnings;
+}
+
+bool same_estimate(const DirectionEstimate& a, const DirectionEstimate& b) {
+  return same_bits({a.angle_degrees, a.confidence, a.peak_correlation, a.second_correlation, a.lag_consistency},
+                   {b.angle_degrees, b.confidence, b.peak_correlation, b.second_correlation, b.lag_consistency}) &&
+         a.lag_samples_ch0_to_ch3 == b.lag_samples_ch0_to_ch3 && a.method == b.method &&
+         a.samples_source == b.samples_source && a.low_confidence == b.low_confidence;
+}
+
+// The same bytes as a file, analysed as the one-shot run streams it, in
+// blocks of `block` frames.
+RecordingAnalysis streamed(const uint8_t* data, size_t size, double gain_db, std::size_t block,
+                           std::vector<double>& beam) {
+  const int fd = memfd_create("fuzz.wav", MFD_CLOEXEC);
+  if (fd < 0) std::abort();
+  struct Closer {
+    int fd;
+    ~Closer() { close(fd); }
+  } closer{fd};
+  for (size_t done = 0; done < size;) {
+    const ssize_t n = write(fd, data + done, size - done);
+    if (n <= 0) std::abort();
+    done += static_cast<size_t>(n);
+  }
+  const WavSource source = open_wav_source({"/proc/self/fd/" + std::to_string(fd)});
+  return analyse_recording(
+      source, gain_db, [&beam](const double* s, std::size_t n) { beam.insert(beam.end(), s, s + n); }, block);
+}
+
+}  // namespace
 
 // The test suite builds this file under another entry name to replay the corpus.
 #ifndef FUZZ_ENTRY
@@ -72,6 +116,16 @@ extern "C" int FUZZ_ENTRY(const uint8_t* data, size_t size) {
   if (!(direction.angle_degrees >= -90.0 && direction.angle_degrees <= 90.0)) std::abort();
   for (double f : raw.noise_floor) {
     if (!(f >= 0.0 && std::isfinite(f))) std::abort();
+  }
+
+  // The streamed analysis gives the same bits, in blocks as small as one
+  // frame (the first byte picks the size).
+  std::vector<double> streamed_beam;
+  const RecordingAnalysis a = streamed(data, size, gain_db, 1 + data[0] % 97, streamed_beam);
+  if (!same_levels(a.raw, raw) || a.gain_warnings != warnings || !same_levels(a.processed, levels) ||
+      !same_estimate(a.direction, direction) || a.beam.lags != beam.lags || a.beam.method != beam.method ||
+      !same_bits(streamed_beam, beam.samples) || !same_levels(a.beamformed, beam_levels)) {
+    std::abort();
   }
   return 0;
 }

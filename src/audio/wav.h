@@ -81,6 +81,9 @@ void write_le16(std::string& out, uint16_t value);
 // lies in -32767 .. +32767.
 int16_t pcm16_from_sample(double x);
 
+// pcm16_from_sample of x[0 .. n) into out, many at a time: the same values.
+void pcm16_block(const double* x, std::size_t n, int16_t* out);
+
 // Largest sample count whose size fields (36 + 2n) still fit in 32 bits.
 constexpr std::size_t kMaxMonoWavSamples = 2147483629;
 

@@ -5,6 +5,7 @@
 
 #include "audio/wav.h"
 #include "util/files.h"
+#include "util/vector_clones.h"
 
 namespace sonderlark {
 
@@ -53,10 +54,13 @@ MonoWavWriter begin_mono_wav(const std::string& path, int32_t sample_rate, uint6
 }
 
 void write_mono_samples(MonoWavWriter& writer, const double* samples, std::size_t count) {
+  constexpr std::size_t kStep = 4096;
+  int16_t pcm[kStep];
   writer.bytes.clear();
-  writer.bytes.reserve(2 * count);
-  for (std::size_t i = 0; i < count; ++i) {
-    write_le16(writer.bytes, static_cast<uint16_t>(pcm16_from_sample(samples[i])));
+  for (std::size_t start = 0; start < count; start += kStep) {
+    const std::size_t n = std::min(kStep, count - start);
+    pcm16_block(samples + start, n, pcm);
+    for (std::size_t i = 0; i < n; ++i) write_le16(writer.bytes, static_cast<uint16_t>(pcm[i]));
   }
   replacement_write(writer.file, writer.bytes);
   writer.written += count;
@@ -73,6 +77,21 @@ MonoWavWriter::MonoWavWriter(MonoWavWriter&& other) noexcept
 }
 
 MonoWavWriter::~MonoWavWriter() { abandon_replacement(file); }
+
+SONDERLARK_VECTOR_CLONES
+void pcm16_block(const double* x, std::size_t n, int16_t* out) {
+  for (std::size_t i = 0; i < n; ++i) {
+    double v = x[i];
+    v = v != v ? 0.0 : v;  // NaN
+    v = v < -1.0 ? -1.0 : (v > 1.0 ? 1.0 : v);
+    v *= 32767.0;
+    // Halves away from zero, as std::round: the truncation, then one step
+    // out when the part cut off (exact) is at least a half.
+    const int32_t t = static_cast<int32_t>(v);
+    const double cut = v - static_cast<double>(t);
+    out[i] = static_cast<int16_t>(t + (cut >= 0.5) - (cut <= -0.5));
+  }
+}
 
 void write_mono_wav(const std::string& path, int32_t sample_rate, const std::vector<double>& samples) {
   MonoWavWriter writer = begin_mono_wav(path, sample_rate, samples.size());

@@ -1,7 +1,11 @@
 #include "dsp/recording.h"
 
 #include <algorithm>
+#include <barrier>
 #include <cassert>
+#include <exception>
+#include <functional>
+#include <thread>
 
 #include "dsp/gain.h"
 #include "dsp/lag_kernels.h"
@@ -14,8 +18,8 @@ namespace {
 constexpr int64_t kHalo = kEndToEndMaxLag;
 static_assert(kFallbackMaxLag <= kHalo && kAdjacentMaxLag <= kHalo);
 
-// Samples per window at most, whatever the channel count claims: 512 KiB.
-constexpr std::size_t kWindowSamples = 1 << 16;
+// Samples per window at most, whatever the channel count claims: 2 MiB.
+constexpr std::size_t kWindowSamples = 1 << 18;
 
 // Fallback searches run this many channels per two passes.
 constexpr std::size_t kSearchesPerPass = 16;
@@ -80,14 +84,64 @@ PairSearch pair_search(std::size_t a, std::size_t b, int32_t max_lag, uint64_t f
   return {a, b, start_lag_search(default_lag_kernel(), max_lag, static_cast<int64_t>(frames))};
 }
 
-void add_pair_blocks(std::vector<PairSearch>& searches, const Window& w, int64_t from, int64_t to) {
-  for (PairSearch& p : searches) add_lag_block(p.search, w.at[p.a], w.at[p.b], w.origin, from, to);
-}
-
 LagResult pair_result(const PairSearch& p) {
   std::vector<double> scores(2 * static_cast<std::size_t>(p.search.max_lag) + 1);
   lag_search_scores(p.search, scores.data());
   return pick_lag(scores.data(), p.search.max_lag);
+}
+
+// One pass over the recording: fill(window, from, to) reads a block into a
+// window; then `first` and `second` each do their share of the block's work
+// (every accumulator belongs to one of them). With two cores, `second` runs
+// on a thread of its own, and the next block is read into the other window
+// while the current one is worked on: the work of each accumulator still
+// comes block after block, in order, so the bits do not change.
+using Fill = std::function<void(Window&, int64_t, int64_t)>;
+using Work = std::function<void(const Window&, int64_t, int64_t)>;
+
+void one_pass(int64_t n, int64_t block, Window (&windows)[2], const Fill& fill, const Work& first,
+              const Work& second) {
+  if (n <= 0) return;
+  if (std::thread::hardware_concurrency() < 2) {
+    for (int64_t from = 0; from < n; from += block) {
+      const int64_t to = std::min(n, from + block);
+      fill(windows[0], from, to);
+      first(windows[0], from, to);
+      second(windows[0], from, to);
+    }
+    return;
+  }
+  std::barrier sync(2);
+  bool stop = false;  // set by this thread between barriers when a read failed
+  std::thread helper([&] {
+    for (int64_t from = 0, k = 0; from < n; from += block, ++k) {
+      sync.arrive_and_wait();  // block k is in its window
+      if (stop) return;
+      second(windows[k % 2], from, std::min(n, from + block));
+      sync.arrive_and_wait();  // done with it
+    }
+  });
+  std::exception_ptr failure;
+  try {
+    fill(windows[0], 0, std::min(n, block));
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  for (int64_t from = 0, k = 0; from < n; from += block, ++k) {
+    stop = failure != nullptr;
+    sync.arrive_and_wait();
+    if (stop) break;
+    const int64_t next = from + block;
+    try {
+      if (next < n) fill(windows[(k + 1) % 2], next, std::min(n, next + block));
+    } catch (...) {
+      failure = std::current_exception();
+    }
+    first(windows[k % 2], from, std::min(n, from + block));
+    sync.arrive_and_wait();
+  }
+  helper.join();
+  if (failure) std::rethrow_exception(failure);
 }
 
 }  // namespace
@@ -102,64 +156,64 @@ RecordingAnalysis analyse_recording(const WavSource& source, double gain_db, con
   const int64_t n = static_cast<int64_t>(frames);
   const double gain = gain_factor(gain_db);
   const int64_t block = static_cast<int64_t>(std::max<std::size_t>(1, std::min(block_frames, kWindowSamples / m)));
-  Window w = make_window(m, static_cast<std::size_t>(block));
+  Window windows[2] = {make_window(m, static_cast<std::size_t>(block)), make_window(m, static_cast<std::size_t>(block))};
 
-  // Reads the recording once, block by block, with the gain applied unless
-  // `raw` wants the block first.
-  auto each_block = [&](auto body) {
-    for (int64_t from = 0; from < n; from += block) {
-      const int64_t to = std::min(n, from + block);
-      load_block(source, from, to, w);
-      body(from, to);
-    }
+  // A block as the chain sees it: after the gain.
+  const Fill processed = [&](Window& w, int64_t from, int64_t to) {
+    load_block(source, from, to, w);
+    gain_block(gain, from, to, w, nullptr);
   };
-  auto processed_blocks = [&](auto body) {
-    each_block([&](int64_t from, int64_t to) {
-      gain_block(gain, from, to, w, nullptr);
-      body(from, to);
-    });
-  };
-  // Two passes of a set of searches: the sums, the means, the products.
-  auto run_searches = [&](std::vector<PairSearch>& searches) {
-    if (searches.empty()) return;
-    processed_blocks([&](int64_t from, int64_t to) { add_pair_blocks(searches, w, from, to); });
+  const Work nothing = [](const Window&, int64_t, int64_t) {};
+  // Searches split between the two threads (the first `first_share` with
+  // the reading of the next block), through both of their passes or,
+  // when the sums are in already, the second.
+  auto run_searches = [&](std::vector<PairSearch>& searches, std::size_t first_share, bool sums_done) {
+    const auto share = [&searches](std::size_t begin, std::size_t end) -> Work {
+      return [&searches, begin, end](const Window& w, int64_t from, int64_t to) {
+        for (std::size_t k = begin; k < std::min(end, searches.size()); ++k) {
+          add_lag_block(searches[k].search, w.at[searches[k].a], w.at[searches[k].b], w.origin, from, to);
+        }
+      };
+    };
+    const std::size_t split = std::min(first_share, searches.size());
+    if (!sums_done) one_pass(n, block, windows, processed, share(0, split), share(split, searches.size()));
     for (PairSearch& p : searches) take_lag_means(p.search);
-    processed_blocks([&](int64_t from, int64_t to) { add_pair_blocks(searches, w, from, to); });
+    one_pass(n, block, windows, processed, share(0, split), share(split, searches.size()));
   };
 
-  // First pass: levels before and after the gain, and the sums of the
-  // direction's four searches.
+  // First: the levels before and after the gain, and the sums of the
+  // direction's four searches; then their centred products.
   LevelMeter raw = start_levels(channels, source.format.sample_rate, frames);
-  LevelMeter processed = start_levels(channels, source.format.sample_rate, frames);
+  LevelMeter processed_levels = start_levels(channels, source.format.sample_rate, frames);
   std::vector<int64_t> clipped(m, 0);
   const bool estimate = m >= 4 && n > 0;
   std::vector<PairSearch> direction_searches;
   if (estimate) {
-    direction_searches.push_back(pair_search(0, 3, kEndToEndMaxLag, frames));
-    direction_searches.push_back(pair_search(0, 1, kAdjacentMaxLag, frames));
     direction_searches.push_back(pair_search(1, 2, kAdjacentMaxLag, frames));
     direction_searches.push_back(pair_search(2, 3, kAdjacentMaxLag, frames));
+    direction_searches.push_back(pair_search(0, 3, kEndToEndMaxLag, frames));
+    direction_searches.push_back(pair_search(0, 1, kAdjacentMaxLag, frames));
   }
-  each_block([&](int64_t from, int64_t to) {
-    const std::size_t count = static_cast<std::size_t>(to - from);
-    add_levels(raw, block_start(w, from).data(), count);
+  const Fill raw_then_processed = [&](Window& w, int64_t from, int64_t to) {
+    load_block(source, from, to, w);
+    add_levels(raw, block_start(w, from).data(), static_cast<std::size_t>(to - from));
     gain_block(gain, from, to, w, &clipped);
-    add_levels(processed, block_start(w, from).data(), count);
-    add_pair_blocks(direction_searches, w, from, to);
+  };
+  one_pass(n, block, windows, raw_then_processed, nothing, [&](const Window& w, int64_t from, int64_t to) {
+    add_levels(processed_levels, block_start(w, from).data(), static_cast<std::size_t>(to - from));
+    for (PairSearch& p : direction_searches) add_lag_block(p.search, w.at[p.a], w.at[p.b], w.origin, from, to);
   });
   result.raw = finish_levels(raw, "raw channel");
   add_clipping_warning(gain_db, clipped, result.gain_warnings);
-  result.processed = finish_levels(processed, "processed channel");
+  result.processed = finish_levels(processed_levels, "processed channel");
 
-  // Second pass: the centred products, and the estimate.
   std::optional<int32_t> end_to_end_lag;
   if (estimate) {
-    for (PairSearch& p : direction_searches) take_lag_means(p.search);
-    processed_blocks([&](int64_t from, int64_t to) { add_pair_blocks(direction_searches, w, from, to); });
-    const LagResult r03 = pair_result(direction_searches[0]);
+    run_searches(direction_searches, 1, true);
+    const LagResult r03 = pair_result(direction_searches[2]);
     end_to_end_lag = r03.lag;
-    result.direction = direction_from_lags(r03, pair_result(direction_searches[1]),
-                                           pair_result(direction_searches[2]), pair_result(direction_searches[3]),
+    result.direction = direction_from_lags(r03, pair_result(direction_searches[3]),
+                                           pair_result(direction_searches[0]), pair_result(direction_searches[1]),
                                            "processed");
   } else {
     result.direction.samples_source = "processed";
@@ -187,16 +241,16 @@ RecordingAnalysis analyse_recording(const WavSource& source, double gain_db, con
       for (std::size_t k = first; k < std::min(wanted.size(), first + kSearchesPerPass); ++k) {
         searches.push_back(pair_search(0, wanted[k], kFallbackMaxLag, frames));
       }
-      run_searches(searches);
+      run_searches(searches, searches.size() / 2, false);
       for (const PairSearch& p : searches) beam.lags[p.b] = pair_result(p).lag;
     }
     beam.method = kFallbackBeamMethod;
   }
 
-  // Last pass: the beam, to the sink and its levels.
+  // Last: the beam, to the sink and its levels.
   LevelMeter beam_levels = start_levels(1, source.format.sample_rate, frames);
   std::vector<double> out(static_cast<std::size_t>(block));
-  processed_blocks([&](int64_t from, int64_t to) {
+  one_pass(n, block, windows, processed, nothing, [&](const Window& w, int64_t from, int64_t to) {
     beam_block(w.at.data(), m, beam.lags, w.origin, n, from, to, out.data());
     const std::size_t count = static_cast<std::size_t>(to - from);
     const double* beam_at = out.data();

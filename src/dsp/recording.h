@@ -27,7 +27,7 @@ struct RecordingAnalysis {
 using BeamSink = std::function<void(const double* samples, std::size_t count)>;
 
 // Frames per block of a streamed analysis.
-constexpr std::size_t kRecordingBlockFrames = 16384;
+constexpr std::size_t kRecordingBlockFrames = 65536;
 
 // The one-shot chain (levels of the raw channels, input gain, processed
 // levels, direction estimate, delay-and-sum beam, beam levels) over a

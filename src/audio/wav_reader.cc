@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "audio/wav.h"
+#include "util/files.h"
 #include "util/memory.h"
 
 namespace sonderlark {
@@ -213,17 +214,6 @@ Layout regular_layout(int fd, uint64_t total, const std::string& path) {
   return walk_chunks(total, path, fetch);
 }
 
-bool write_whole(int fd, const uint8_t* p, uint64_t n) {
-  while (n > 0) {
-    const ssize_t put = write(fd, p, n);
-    if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) return false;
-    p += put;
-    n -= static_cast<uint64_t>(put);
-  }
-  return true;
-}
-
 // An unnamed file for a stream's bytes, in $TMPDIR or /tmp; -1 on failure.
 int open_spool() {
   const char* dir = std::getenv("TMPDIR");
@@ -245,7 +235,7 @@ void spool_stream(int fd, const std::string& path, int spool) {
   auto take = [&](uint64_t n, uint8_t* out) {
     const uint64_t got = read_up_to(fd, n, out);
     consumed += got;
-    if (!write_whole(spool, out, got)) throw std::runtime_error("failed to buffer WAV stream: " + path);
+    if (!write_all(spool, {reinterpret_cast<const char*>(out), static_cast<std::size_t>(got)})) throw std::runtime_error("failed to buffer WAV stream: " + path);
     return got;
   };
   uint8_t head[12];

@@ -22,6 +22,7 @@ namespace {
 
 // Capture (or input selection), then the analysis. May throw.
 int run_one_shot(Options& options, Logger& logger) {
+  std::vector<std::string> parts;  // of a capture arecord split
   if (!options.skip_capture) {
     const std::string command =
         one_shot_capture_command(options.device, options.duration_seconds, options.output_path);
@@ -34,12 +35,11 @@ int run_one_shot(Options& options, Logger& logger) {
       return kExitCaptureFailed;
     }
     // A capture over 2 GiB comes back in parts, analysed as one recording.
-    const std::vector<std::string> parts = split_capture_parts(options.output_path, started);
+    parts = split_capture_parts(options.output_path, started);
     if (!parts.empty()) {
       logger.line("capture split by arecord into " + std::to_string(parts.size()) + " files: " + parts.front() +
                   " .. " + parts.back());
       options.output_path = parts.front();
-      return run_one_shot_analysis(options, parts, logger);
     }
   } else if (!options.input_wav_path.empty()) {
     options.output_path = options.input_wav_path;
@@ -47,7 +47,8 @@ int run_one_shot(Options& options, Logger& logger) {
   } else {
     logger.line("capture skipped; analyzing output WAV path: " + options.output_path);
   }
-  return run_one_shot_analysis(options, {options.output_path}, logger);
+  if (parts.empty()) parts = {options.output_path};
+  return run_one_shot_analysis(options, parts, logger);
 }
 
 }  // namespace

@@ -100,10 +100,14 @@ void add_lag_block(LagSearch& search, const double* a, const double* b, int64_t 
 
 namespace {
 
+// The lag of lane k: lane j of group g is lag starts[g] + j.
+int64_t lane_lag(const LagSearch& search, std::size_t k) {
+  const std::size_t lanes = static_cast<std::size_t>(search.lanes);
+  return search.starts[k / lanes] + static_cast<int64_t>(k % lanes);
+}
+
 int64_t lane_pairs(const LagSearch& search, std::size_t lane) {
-  const int64_t lag = search.starts[lane / static_cast<std::size_t>(search.lanes)] +
-                      static_cast<int64_t>(lane % static_cast<std::size_t>(search.lanes));
-  const LagOverlap o = lag_overlap(search.n, lag);
+  const LagOverlap o = lag_overlap(search.n, lane_lag(search, lane));
   return o.end - o.begin;
 }
 
@@ -124,9 +128,8 @@ void take_lag_means(LagSearch& search) {
 
 void lag_search_scores(const LagSearch& search, double* scores) {
   for (std::size_t k = 0; k < search.first.size(); ++k) {
-    const int64_t lag = search.starts[k / static_cast<std::size_t>(search.lanes)] +
-                        static_cast<int64_t>(k % static_cast<std::size_t>(search.lanes));
-    scores[lag + search.max_lag] = lag_score(lane_pairs(search, k), search.ab[k], search.aa[k], search.bb[k]);
+    scores[lane_lag(search, k) + search.max_lag] =
+        lag_score(lane_pairs(search, k), search.ab[k], search.aa[k], search.bb[k]);
   }
 }
 

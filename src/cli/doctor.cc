@@ -317,7 +317,10 @@ Check tap_check(const WavData& recording, double tap_seconds) {
                                        std::to_string(loudest)));
   }
   std::string order;
-  for (int f : found) order += (order.empty() ? "" : "-") + (f < 0 ? std::string("?") : std::to_string(f));
+  for (int f : found) {
+    if (!order.empty()) order += '-';
+    order += f < 0 ? std::string("?") : std::to_string(f);
+  }
   const auto zero_end = std::find(found.begin(), found.end(), 0);
   if (zero_end != found.end()) {
     c.details.push_back("+90 degrees points toward microphone " + std::to_string(zero_end - found.begin()) +

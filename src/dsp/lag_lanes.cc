@@ -30,7 +30,7 @@ __attribute__((always_inline)) inline typename LaneVector<W>::type load(const do
 }
 
 template <int W>
-__attribute__((always_inline)) inline void store(double* p, typename LaneVector<W>::type v) {
+__attribute__((always_inline)) inline void store(double* p, const typename LaneVector<W>::type& v) {
   std::memcpy(p, &v, sizeof v);
 }
 

@@ -6,13 +6,18 @@
 #   make demo       a one-shot run against a simulated array, no hardware needed
 #   make bench      Release benchmarks: chain, one-shot hour, live throughput, latency
 #   make fuzz       both fuzz targets for FUZZ_SECONDS each (clang)
+#   make test-arm   cross build for ARCH (arm64 or armhf, default arm64) and its tests under qemu
+#   make compare-arch  aarch64 and armhf builds under qemu give the native build's bytes
+#   make package    .deb packages for this machine and arm64 in build-package/, checked by lintian
+#   make test-package  install this machine's package with apt, use it, purge it (root)
 #   make install    PREFIX=/usr/local by default; make uninstall removes it again
 
 PREFIX ?= /usr/local
 FUZZ_SECONDS ?= 60
+ARCH ?= arm64
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 
-.PHONY: all build test test-release demo bench fuzz install uninstall deps clean
+.PHONY: all build test test-release test-arm compare-arch package test-package demo bench fuzz install uninstall deps clean
 
 all: build
 
@@ -34,6 +39,18 @@ test-release:
 	cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release >/dev/null
 	cmake --build build-release -j $(JOBS)
 	cd build-release && ctest --output-on-failure -j $(JOBS)
+
+test-arm:
+	scripts/test-arm $(ARCH)
+
+compare-arch:
+	scripts/compare-arch
+
+package:
+	scripts/package
+
+test-package: package
+	tests/package_test.sh build-package/sonderlark_*_$$(dpkg --print-architecture).deb
 
 demo: build
 	@scripts/install-deps demo
@@ -62,4 +79,5 @@ uninstall:
 	else echo "nothing installed from this build (no build/install_manifest.txt)"; fi
 
 clean:
-	rm -rf build build-test build-release build-bench build-fuzz
+	rm -rf build build-test build-release build-bench build-fuzz build-arm64 build-armhf \
+	  build-compare build-compare-arch build-package

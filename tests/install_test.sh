@@ -16,7 +16,7 @@ head -n 1 "$prefix/help.txt" | grep -qx "Usage: $bin \[options\]"
 "$prefix/bin/sonderlark-doctor" --help | head -n 1 | grep -q "^Usage: $prefix/bin/sonderlark-doctor \[--device NAME\]"
 
 page="$prefix/share/man/man1/sonderlark.1"
-for p in "$page" "$prefix/share/man/man1/sonderlark-monitor.1" "$prefix/share/man/man1/sonderlark-doctor.1"; do
+for p in "$page" "$prefix"/share/man/man1/sonderlark-{sim,monitor,doctor}.1; do
   warnings=$(groff -man -ww -z "$p" 2>&1)
   [ -z "$warnings" ] || { echo "groff warnings in $p: $warnings" >&2; exit 1; }
 done

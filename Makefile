@@ -7,6 +7,7 @@
 #   make bench      Release benchmarks: chain, one-shot hour, live throughput, latency
 #   make fuzz       both fuzz targets for FUZZ_SECONDS each (clang)
 #   make test-arm   cross build for ARCH (arm64 or armhf, default arm64) and its tests under qemu
+#   make bench-arm  the benchmarks of that build under qemu (emulated timings, not a board's)
 #   make compare-arch  aarch64 and armhf builds under qemu give the native build's bytes
 #   make package    .deb packages for this machine and arm64 in build-package/, checked by lintian
 #   make test-package  install this machine's package with apt, use it, purge it (root)
@@ -17,7 +18,7 @@ FUZZ_SECONDS ?= 60
 ARCH ?= arm64
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 
-.PHONY: all build test test-release test-arm compare-arch package test-package demo bench fuzz install uninstall deps clean
+.PHONY: all build test test-release test-arm bench-arm compare-arch package test-package demo bench fuzz install uninstall deps clean
 
 all: build
 
@@ -41,7 +42,10 @@ test-release:
 	cd build-release && ctest --output-on-failure -j $(JOBS)
 
 test-arm:
-	scripts/test-arm $(ARCH)
+	scripts/arm test $(ARCH)
+
+bench-arm:
+	scripts/arm bench $(ARCH)
 
 compare-arch:
 	scripts/compare-arch
@@ -79,5 +83,5 @@ uninstall:
 	else echo "nothing installed from this build (no build/install_manifest.txt)"; fi
 
 clean:
-	rm -rf build build-test build-release build-bench build-fuzz build-arm64 build-armhf \
+	rm -rf build build-test build-release build-bench build-fuzz build-arm64 build-armhf build-arm64-bench build-armhf-bench \
 	  build-compare build-compare-arch build-package

@@ -73,7 +73,7 @@ void BM_LagKernel(benchmark::State& state) {
     lag_scores(kernels[k], chunk.samples[0], chunk.samples[3], 8, scores);
     benchmark::DoNotOptimize(scores);
   }
-  const char* names[] = {"scalar", "portable (SSE2)", "AVX2", "AVX-512"};
+  const char* names[] = {"scalar", "portable (SSE2 or NEON)", "AVX2", "AVX-512", "NEON, 4 lanes"};
   state.SetLabel(names[static_cast<int>(kernels[k])]);
 }
 BENCHMARK(BM_LagKernel)->DenseRange(0, 3)->Unit(benchmark::kMicrosecond);

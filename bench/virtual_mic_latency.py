@@ -1,0 +1,134 @@
+#!/usr/bin/env python3
+"""FIFO-to-recorder latency of the virtual microphone, per sound server and
+recorder setting: the commands of the README's virtual-microphone section.
+
+Usage: bench/virtual_mic_latency.py [SECONDS]   (default: 10)
+
+Each case starts a private server with the pipe source (PulseAudio with
+module-pipe-source; PipeWire at 16 kHz through scripts/pipewire-stack with
+the packaged pipe-tunnel drop-in, or with module-pipe-source loaded by pactl), starts the recorder writing raw samples to
+a pipe, then writes 64 ms chunks (1024 samples, as live mode does) into the
+FIFO on a real-time schedule, each chunk one constant value of its own. The
+latency of a chunk is from its write to the read that completes it at the
+recorder (CLOCK_MONOTONIC). Median and maximum over the chunks after the
+first second.
+"""
+import os
+import select
+import signal
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+STACK = os.path.join(HERE, "..", "scripts", "pipewire-stack")
+CHUNK = 1024
+
+PW_RECORD = ["pw-record", "--target", "sonderlark_mic", "--rate", "16000", "--channels", "1", "--format", "s16"]
+PARECORD = ["parecord", "--raw", "-d", "sonderlark_mic", "--rate=16000", "--channels=1", "--format=s16le"]
+CASES = [
+    ("PipeWire", "pw-record (default)", PW_RECORD + ["-"]),
+    ("PipeWire", "pw-record --latency 16ms", PW_RECORD + ["--latency", "16ms", "-"]),
+    ("PipeWire", "parecord (default)", PARECORD),
+    ("PipeWire", "parecord --latency-msec=20", PARECORD + ["--latency-msec=20"]),
+    ("PipeWire-pactl", "pw-record --latency 16ms", PW_RECORD + ["--latency", "16ms", "-"]),
+    ("PipeWire-pactl", "parecord --latency-msec=20", PARECORD + ["--latency-msec=20"]),
+    ("PulseAudio", "parecord (default)", PARECORD),
+    ("PulseAudio", "parecord --latency-msec=20", PARECORD + ["--latency-msec=20"]),
+]
+
+
+def start_server(kind, run, fifo):
+    if kind.startswith("PipeWire"):
+        tunnel = ["--pipe-tunnel", fifo] if kind == "PipeWire" else []
+        out = subprocess.run([STACK, "start", os.path.join(run, "pw")] + tunnel,
+                             capture_output=True, text=True, check=True).stdout
+        env = dict(os.environ)
+        env.pop("PULSE_SERVER", None)
+        env.update(word.split("=", 1) for word in out.split())
+        if not tunnel:
+            subprocess.run(["pactl", "load-module", "module-pipe-source", "source_name=sonderlark_mic",
+                            f"file={fifo}", "format=s16le", "rate=16000", "channels=1"],
+                           env=env, check=True, capture_output=True)
+        return env, None
+    env = dict(os.environ, XDG_RUNTIME_DIR=os.path.join(run, "run"), HOME=run)
+    env.pop("PULSE_SERVER", None)
+    os.makedirs(env["XDG_RUNTIME_DIR"], mode=0o700)
+    with open(os.path.join(run, "pa.pa"), "w") as f:
+        f.write("load-module module-native-protocol-unix\nload-module module-null-sink sink_name=nullsink\n"
+                f"load-module module-pipe-source source_name=sonderlark_mic file={fifo} "
+                "format=s16le rate=16000 channels=1\n")
+    pulse = subprocess.Popen(["pulseaudio", "-n", "-F", os.path.join(run, "pa.pa"), "--exit-idle-time=-1",
+                              "--daemonize=no"], env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    for _ in range(100):
+        if os.path.exists(fifo):
+            return env, pulse
+        time.sleep(0.1)
+    raise RuntimeError("pulseaudio did not come up")
+
+
+def measure(kind, recorder, run, seconds):
+    fifo = os.path.join(run, "mic.pcm")
+    env, pulse = start_server(kind, run, fifo)
+    rec = None
+    try:
+        rec = subprocess.Popen(recorder, env=env, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        time.sleep(1.0)
+        fd = os.open(fifo, os.O_WRONLY)
+        chunks = int(seconds * 16000 / CHUNK)
+        written = {}
+        latencies = []
+        counts = {}
+        pending = b""
+        start = time.monotonic()
+        for k in range(chunks + 20):  # 20 chunks of silence push the last ones through
+            value = k + 1 if k < chunks else 0
+            written[value] = time.monotonic()
+            os.write(fd, value.to_bytes(2, "little", signed=True) * CHUNK)
+            deadline = start + (k + 1) * CHUNK / 16000
+            while (left := deadline - time.monotonic()) > 0:
+                if not select.select([rec.stdout], [], [], left)[0]:
+                    continue
+                data = os.read(rec.stdout.fileno(), 65536)
+                now = time.monotonic()
+                pending += data
+                usable = len(pending) // 2 * 2
+                for i in range(0, usable, 2):
+                    v = int.from_bytes(pending[i:i + 2], "little", signed=True)
+                    if v > 0:
+                        counts[v] = counts.get(v, 0) + 1
+                        if counts[v] == CHUNK:
+                            latencies.append((v, now - written[v]))
+                pending = pending[usable:]
+        os.close(fd)
+        settled = [l for v, l in latencies if v * CHUNK >= 16000]
+        return len(latencies), chunks, statistics.median(settled), max(settled)
+    finally:
+        if rec is not None:
+            rec.send_signal(signal.SIGINT)
+            rec.wait()
+        if pulse is not None:
+            pulse.send_signal(signal.SIGTERM)
+            pulse.wait()
+        else:
+            subprocess.run([STACK, "stop", os.path.join(run, "pw")], check=False)
+
+
+def main():
+    seconds = float(sys.argv[1]) if len(sys.argv) > 1 else 10.0
+    work = tempfile.mkdtemp(prefix="sonderlark-mic-latency-")
+    try:
+        for n, (kind, name, recorder) in enumerate(CASES):
+            run = os.path.join(work, str(n))
+            os.makedirs(run)
+            got, sent, median, worst = measure(kind, recorder, run, seconds)
+            print(f"{kind:14} {name:28} median {median * 1000:6.1f} ms, max {worst * 1000:6.1f} ms "
+                  f"({got} of {sent} chunks complete)")
+    finally:
+        subprocess.run(["rm", "-rf", work])
+
+
+if __name__ == "__main__":
+    main()

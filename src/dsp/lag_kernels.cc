@@ -21,6 +21,8 @@ Kernel group_kernel(LagKernel kernel) {
 #if defined(__x86_64__)
   if (kernel == LagKernel::kAvx2) return {lag_sweep_4, 4};
   if (kernel == LagKernel::kAvx512) return {lag_sweep_8, 8};
+#elif defined(__aarch64__)
+  if (kernel == LagKernel::kNeon) return {lag_sweep_4, 4};
 #endif
   (void)kernel;
   return {lag_sweep_2, 2};
@@ -34,6 +36,11 @@ std::vector<LagKernel> available_lag_kernels() {
   __builtin_cpu_init();
   if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) kernels.push_back(LagKernel::kAvx2);
   if (__builtin_cpu_supports("avx512f")) kernels.push_back(LagKernel::kAvx512);
+#elif defined(__aarch64__)
+  // Before the 2-lane kernel (itself NEON here), so not the default: under
+  // qemu it ran 25 % slower (bench/README.md); a real board's
+  // BM_LagKernel figures should decide.
+  kernels.insert(kernels.begin() + 1, LagKernel::kNeon);
 #endif
   return kernels;
 }

@@ -11,12 +11,13 @@ namespace sonderlark {
 // different lags, never parts of one sum.
 enum class LagKernel {
   kScalar,    // one lag at a time
-  kPortable,  // two lags per vector: plain x86-64 (SSE2) or any target
+  kPortable,  // two lags per vector: plain x86-64 (SSE2), aarch64 (NEON) or any target
   kAvx2,      // four lags per 256-bit register (AVX2 with FMA)
   kAvx512,    // eight lags per 512-bit register
+  kNeon,      // four lags in two 128-bit NEON registers (aarch64)
 };
 
-// Kernels this machine can run, kScalar first.
+// Kernels this machine can run, kScalar first, the default last.
 std::vector<LagKernel> available_lag_kernels();
 
 // The kernel best_lag uses on this machine.

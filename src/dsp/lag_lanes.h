@@ -79,10 +79,13 @@ enum class LagPass { kSums, kProducts };
 
 // Adds one range to `groups` (1 to 3) groups of W consecutive lags, each lane
 // bit for bit the scalar reference's running sums. W = 2 runs on any x86-64
-// (SSE2) or other target; W = 4 needs AVX2 and FMA, W = 8 AVX-512F.
+// (SSE2), aarch64 (one NEON register) or other target; W = 4 needs AVX2 and
+// FMA on x86-64, and is two NEON registers on aarch64; W = 8 AVX-512F.
 void lag_sweep_2(LagPass pass, const LagRange& range, const int32_t* starts, int groups, const LaneSums& sums);
-#if defined(__x86_64__)
+#if defined(__x86_64__) || defined(__aarch64__)
 void lag_sweep_4(LagPass pass, const LagRange& range, const int32_t* starts, int groups, const LaneSums& sums);
+#endif
+#if defined(__x86_64__)
 void lag_sweep_8(LagPass pass, const LagRange& range, const int32_t* starts, int groups, const LaneSums& sums);
 #endif
 

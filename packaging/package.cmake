@@ -4,8 +4,7 @@ set(doc_dir ${CMAKE_INSTALL_DATAROOTDIR}/doc/sonderlark)
 
 # Debian wants manual pages and the changelog compressed, without a timestamp.
 set(compressed)
-foreach(source man/sonderlark.1 man/sonderlark-sim.1 man/sonderlark-monitor.1 man/sonderlark-doctor.1
-               packaging/changelog)
+foreach(source ${SONDERLARK_MAN_PAGES} packaging/changelog)
   get_filename_component(name ${source} NAME)
   set(output ${CMAKE_BINARY_DIR}/compressed/${name}.gz)
   add_custom_command(OUTPUT ${output}

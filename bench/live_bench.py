@@ -100,6 +100,8 @@ def main():
         raw = os.path.join(work, "frames.raw")
         frames(raw, 60)
         env = dict(os.environ, XDG_CONFIG_HOME=os.path.join(work, "config"))
+        if "XDG_RUNTIME_DIR" not in env:  # else ALSA's PulseAudio plugin leaves /tmp/pulse-* behind
+            env["XDG_RUNTIME_DIR"] = os.path.join(work, "config")
 
         fifo = os.path.join(work, "paced")
         os.mkfifo(fifo)

@@ -44,6 +44,7 @@ def main():
         procs.append(subprocess.Popen([sys.executable, os.path.join(HERE, "..", "tests", "pace_frames.py"),
                                        f"{tmp}/frames.raw", f"{tmp}/infile"]))
         env = dict(os.environ, XDG_CONFIG_HOME=f"{tmp}/config")
+        env.setdefault("XDG_RUNTIME_DIR", f"{tmp}/config")  # else ALSA's PulseAudio plugin leaves /tmp/pulse-*
         status = f"{tmp}/state/status.json"
         procs.append(subprocess.Popen([f"{build}/sonderlark", "--live", "--device", "sonderlark_array", "--log", "",
                                        "--pcm-output", f"{tmp}/none", "--event-output", status],

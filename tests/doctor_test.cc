@@ -51,7 +51,7 @@ test::RunResult doctor(const test::TempDir& tmp, std::vector<std::string> args, 
   std::vector<std::string> argv = {"sh", "-c", "printf '%s' \"$0\" | \"$@\"", input, doctor_path(), "--seconds", "2",
                                    "--pcm-output", tmp.path("mic.pcm"), "--event-output", tmp.path("status.json")};
   argv.insert(argv.end(), args.begin(), args.end());
-  env["XDG_CONFIG_HOME"] = tmp.path("config");
+  env.merge(test::alsa_env(tmp.path("config")));
   return test::run(argv, env);
 }
 
@@ -159,12 +159,14 @@ TEST(DoctorDevice, BusyDeviceNamesItsHolders) {
   test::write_file(tmp.path("pcmC7D0c"), "");
   const int holder = test::spawn({"sh", "-c", "exec sleep 30 < \"$0\"", tmp.path("pcmC7D0c")}, {}, tmp.path("h.out"),
                                  tmp.path("h.err"));
+  // The shell opens the file before it becomes sleep: wait for the name too.
+  const std::vector<std::string> expected{std::to_string(holder) + " (sleep)"};
   std::vector<std::string> holders;
-  for (int i = 0; i < 200 && holders.empty(); ++i) {
+  for (int i = 0; i < 500 && holders != expected; ++i) {
     holders = processes_holding(tmp.path("pcmC7D"));
-    if (holders.empty()) usleep(10000);
+    if (holders != expected) usleep(10000);
   }
-  EXPECT_EQ(holders, std::vector<std::string>{std::to_string(holder) + " (sleep)"});
+  EXPECT_EQ(holders, expected);
   kill(holder, SIGTERM);
   test::wait_child(holder);
   EXPECT_NE(device_check("hw:7,0", 1, "Device or resource busy", holders).details[0].find("held by "),

@@ -81,7 +81,7 @@ struct RealDevice {
     return {test::tool_path(), "--live", "--device", "sonderlark_array", "--live-duration", duration, "--pcm-output", pcm,
             "--event-output", tmp.path("state/" + name + ".json"), "--log", tmp.path(name + ".log")};
   }
-  Env env() const { return {{"XDG_CONFIG_HOME", tmp.path("config")}}; }
+  Env env() const { return test::alsa_env(tmp.path("config")); }
   std::string status() const { return tmp.path("state/status.json"); }
 };
 

@@ -57,7 +57,7 @@ TEST(LongCapture, SplitByArecordIsAnalysedAsOneRecording) {
   const test::RunResult r = test::run({test::tool_path(), "--device", "sonderlark_array", "--duration", "9000",
                                        "--output", "raw.wav", "--beamformed", "beam.wav", "--event", "event.json",
                                        "--log", "run.log"},
-                                      {{"XDG_CONFIG_HOME", tmp.path("config")}}, tmp.dir.string());
+                                      test::alsa_env(tmp.path("config")), tmp.dir.string());
   ASSERT_EQ(r.exit_code, 0) << r.out << r.err;
   EXPECT_EQ(fs::file_size(tmp.path("raw-01.wav")), 2147483692u);
   EXPECT_FALSE(fs::exists(tmp.path("raw.wav")));
@@ -112,7 +112,7 @@ TEST(LongCapture, AnOldPartIsIgnored) {
   const test::RunResult r = test::run({test::tool_path(), "--device", "sonderlark_array", "--duration", "1",
                                        "--output", "raw.wav", "--beamformed", "beam.wav", "--event", "event.json",
                                        "--log", "run.log"},
-                                      {{"XDG_CONFIG_HOME", tmp.path("config")}}, tmp.dir.string());
+                                      test::alsa_env(tmp.path("config")), tmp.dir.string());
   EXPECT_EQ(r.exit_code, 0) << r.out << r.err;
   const std::string log = test::read_file(tmp.path("run.log"));
   EXPECT_EQ(log.find("capture split"), std::string::npos) << log;

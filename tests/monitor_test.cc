@@ -146,7 +146,7 @@ TEST(MonitorInTmux, FollowsALiveRunAndFlagsItsDeath) {
   auto live = [&](const test::TempDir& device_dir) {
     return test::spawn({test::tool_path(), "--live", "--device", "sonderlark_array", "--pcm-output", tmp.path("none"),
                         "--event-output", status, "--log", ""},
-                       {{"XDG_CONFIG_HOME", device_dir.path("config")}}, device_dir.path("out"), device_dir.path("err"));
+                       test::alsa_env(device_dir.path("config")), device_dir.path("out"), device_dir.path("err"));
   };
   test::TempDir first_dir;
   append_source(first_dir, -30.0, first_dir.path("frames.raw"));

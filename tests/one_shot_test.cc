@@ -98,7 +98,7 @@ TEST(RealArecord, RecordsTheFileBackedDeviceExactly) {
   const test::RunResult r = test::run({test::tool_path(), "--device", "sonderlark_array", "--duration", "1",
                                        "--output", tmp.path("raw.wav"), "--beamformed", tmp.path("beam.wav"),
                                        "--event", tmp.path("event.json"), "--log", tmp.path("run.log")},
-                                      {{"XDG_CONFIG_HOME", tmp.path("config")}});
+                                      test::alsa_env(tmp.path("config")));
   ASSERT_EQ(r.exit_code, 0) << r.out << r.err;
   // arecord's WAV: 16000 frames of 16 bytes, exactly the device's first bytes.
   const WavData wav = read_wav(tmp.path("raw.wav"));
@@ -116,7 +116,7 @@ TEST(RealArecord, MissingDeviceFailsWithStatus10) {
   test::write_alsa_file_device(tmp.path("config"), "sonderlark_array", tmp.path("capture.raw"));
   const test::RunResult r = test::run({test::tool_path(), "--device", "no_such_device", "--output", "raw.wav",
                                        "--log", "run.log"},
-                                      {{"XDG_CONFIG_HOME", tmp.path("config")}}, tmp.dir.string());
+                                      test::alsa_env(tmp.path("config")), tmp.dir.string());
   EXPECT_EQ(r.exit_code, 10);
   EXPECT_EQ(test::read_file(tmp.path("run.log")),
             kBanner + "device: no_such_device\n"

@@ -242,6 +242,12 @@ void write_alsa_file_device(const std::string& config_home, const std::string& n
                  infile + "\"\n  format \"raw\"\n}\n");
 }
 
+std::map<std::string, std::optional<std::string>> alsa_env(const std::string& config_home) {
+  std::filesystem::create_directories(config_home + "/run");
+  std::filesystem::permissions(config_home + "/run", std::filesystem::perms::owner_all);
+  return {{"XDG_CONFIG_HOME", config_home}, {"XDG_RUNTIME_DIR", config_home + "/run"}};
+}
+
 PacedDevice::PacedDevice(const TempDir& dir) : tmp(dir) {
   if (mkfifo(tmp.path("infile").c_str(), 0600) != 0) throw std::runtime_error("mkfifo failed");
   write_alsa_file_device(tmp.path("config"), "sonderlark_array", tmp.path("infile"));
@@ -255,7 +261,7 @@ PacedDevice::~PacedDevice() {
 }
 
 std::map<std::string, std::optional<std::string>> PacedDevice::env() const {
-  return {{"XDG_CONFIG_HOME", tmp.path("config")}};
+  return alsa_env(tmp.path("config"));
 }
 
 }  // namespace sonderlark::test

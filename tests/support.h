@@ -83,6 +83,11 @@ std::string s32_frames(const std::vector<std::vector<double>>& channels);
 // through Python's json (spaces in names become underscores).
 std::string doctor_states(const std::string& json_text);
 
+// The environment for an ALSA program configured under `config_home`: also
+// a private runtime folder inside it, since ALSA's PulseAudio plugin
+// otherwise leaves a /tmp/pulse-* folder behind for every run.
+std::map<std::string, std::optional<std::string>> alsa_env(const std::string& config_home);
+
 // Writes an ALSA configuration defining `pcm.<name>` as a file-backed
 // capture device reading `infile`, under `config_home`/alsa/asoundrc.
 void write_alsa_file_device(const std::string& config_home, const std::string& name,
@@ -97,7 +102,7 @@ struct PacedDevice {
   ~PacedDevice();
   PacedDevice(const PacedDevice&) = delete;
   PacedDevice& operator=(const PacedDevice&) = delete;
-  std::map<std::string, std::optional<std::string>> env() const;  // XDG_CONFIG_HOME
+  std::map<std::string, std::optional<std::string>> env() const;  // alsa_env of its config
   const TempDir& tmp;
   int pacer = -1;
 };

@@ -1,7 +1,8 @@
 #include "dsp/recording.h"
 
 #include <algorithm>
-#include <barrier>
+#include <array>
+#include <atomic>
 #include <cassert>
 #include <exception>
 #include <functional>
@@ -90,55 +91,66 @@ LagResult pair_result(const PairSearch& p) {
   return pick_lag(scores.data(), p.search.max_lag);
 }
 
+// Windows in flight: the reader fills one while the other thread may still
+// work on the two before it, so that neither waits on the other's every
+// block.
+constexpr std::size_t kWindows = 3;
+using Windows = std::array<Window, kWindows>;
+
 // One pass over the recording: fill(window, from, to) reads a block into a
 // window; then `first` and `second` each do their share of the block's work
-// (every accumulator belongs to one of them). With two cores, `second` runs
-// on a thread of its own, and the next block is read into the other window
-// while the current one is worked on: the work of each accumulator still
-// comes block after block, in order, so the bits do not change.
+// (every accumulator belongs to one of them; `second` may read what `first`
+// wrote). With two cores, `second` runs on a thread of its own, up to two
+// blocks behind the reading: the work of each accumulator still comes block
+// after block, in order, so the bits do not change.
 using Fill = std::function<void(Window&, int64_t, int64_t)>;
 using Work = std::function<void(const Window&, int64_t, int64_t)>;
 
-void one_pass(int64_t n, int64_t block, Window (&windows)[2], const Fill& fill, const Work& first,
-              const Work& second) {
+void one_pass(int64_t n, int64_t block, Windows& windows, const Fill& fill, const Work& first, const Work& second) {
   if (n <= 0) return;
+  const int64_t blocks = (n + block - 1) / block;
+  const auto range = [&](int64_t k) { return std::pair{k * block, std::min(n, (k + 1) * block)}; };
   if (std::thread::hardware_concurrency() < 2) {
-    for (int64_t from = 0; from < n; from += block) {
-      const int64_t to = std::min(n, from + block);
+    for (int64_t k = 0; k < blocks; ++k) {
+      const auto [from, to] = range(k);
       fill(windows[0], from, to);
       first(windows[0], from, to);
       second(windows[0], from, to);
     }
     return;
   }
-  std::barrier sync(2);
-  bool stop = false;  // set by this thread between barriers when a read failed
+  // Blocks read and through `first` so far (-1 once a read failed), and
+  // blocks the helper is done with.
+  std::atomic<int64_t> filled = 0;
+  std::atomic<int64_t> done = 0;
   std::thread helper([&] {
-    for (int64_t from = 0, k = 0; from < n; from += block, ++k) {
-      sync.arrive_and_wait();  // block k is in its window
-      if (stop) return;
-      second(windows[k % 2], from, std::min(n, from + block));
-      sync.arrive_and_wait();  // done with it
+    for (int64_t k = 0; k < blocks; ++k) {
+      int64_t seen;
+      while ((seen = filled.load()) <= k && seen >= 0) filled.wait(seen);
+      if (seen < 0) return;
+      const auto [from, to] = range(k);
+      second(windows[static_cast<std::size_t>(k) % kWindows], from, to);
+      done.store(k + 1);
+      done.notify_one();
     }
   });
   std::exception_ptr failure;
-  try {
-    fill(windows[0], 0, std::min(n, block));
-  } catch (...) {
-    failure = std::current_exception();
-  }
-  for (int64_t from = 0, k = 0; from < n; from += block, ++k) {
-    stop = failure != nullptr;
-    sync.arrive_and_wait();
-    if (stop) break;
-    const int64_t next = from + block;
+  for (int64_t k = 0; k < blocks && !failure; ++k) {
+    // The window of block k last held block k - kWindows: wait for the helper to be done with it.
+    for (int64_t d; (d = done.load()) < k - static_cast<int64_t>(kWindows) + 1;) done.wait(d);
+    const auto [from, to] = range(k);
+    Window& w = windows[static_cast<std::size_t>(k) % kWindows];
     try {
-      if (next < n) fill(windows[(k + 1) % 2], next, std::min(n, next + block));
+      fill(w, from, to);
     } catch (...) {
       failure = std::current_exception();
+      filled.store(-1);
+      filled.notify_one();
+      break;
     }
-    first(windows[k % 2], from, std::min(n, from + block));
-    sync.arrive_and_wait();
+    first(w, from, to);
+    filled.store(k + 1);
+    filled.notify_one();
   }
   helper.join();
   if (failure) std::rethrow_exception(failure);
@@ -155,13 +167,17 @@ RecordingAnalysis analyse_recording(const WavSource& source, double gain_db, con
   const uint64_t frames = source.frames;
   const int64_t n = static_cast<int64_t>(frames);
   const double gain = gain_factor(gain_db);
+  // At 0 dB the gain changes no sample (decoded samples lie in [-1, 1)):
+  // the processed samples are the raw ones, bit for bit.
+  const bool unit_gain = gain == 1.0;
   const int64_t block = static_cast<int64_t>(std::max<std::size_t>(1, std::min(block_frames, kWindowSamples / m)));
-  Window windows[2] = {make_window(m, static_cast<std::size_t>(block)), make_window(m, static_cast<std::size_t>(block))};
+  Windows windows;
+  for (Window& w : windows) w = make_window(m, static_cast<std::size_t>(block));
 
   // A block as the chain sees it: after the gain.
   const Fill processed = [&](Window& w, int64_t from, int64_t to) {
     load_block(source, from, to, w);
-    gain_block(gain, from, to, w, nullptr);
+    if (!unit_gain) gain_block(gain, from, to, w, nullptr);
   };
   const Work nothing = [](const Window&, int64_t, int64_t) {};
   // Searches split between the two threads (the first `first_share` with
@@ -189,31 +205,33 @@ RecordingAnalysis analyse_recording(const WavSource& source, double gain_db, con
   const bool estimate = m >= 4 && n > 0;
   std::vector<PairSearch> direction_searches;
   if (estimate) {
-    direction_searches.push_back(pair_search(1, 2, kAdjacentMaxLag, frames));
-    direction_searches.push_back(pair_search(2, 3, kAdjacentMaxLag, frames));
+    // The end-to-end search (17 lags) costs about what the three adjacent
+    // ones (7 lags each) cost together: it goes with the reading.
     direction_searches.push_back(pair_search(0, 3, kEndToEndMaxLag, frames));
     direction_searches.push_back(pair_search(0, 1, kAdjacentMaxLag, frames));
+    direction_searches.push_back(pair_search(1, 2, kAdjacentMaxLag, frames));
+    direction_searches.push_back(pair_search(2, 3, kAdjacentMaxLag, frames));
   }
   const Fill raw_then_processed = [&](Window& w, int64_t from, int64_t to) {
     load_block(source, from, to, w);
     add_levels(raw, block_start(w, from).data(), static_cast<std::size_t>(to - from));
-    gain_block(gain, from, to, w, &clipped);
+    if (!unit_gain) gain_block(gain, from, to, w, &clipped);
   };
   one_pass(n, block, windows, raw_then_processed, nothing, [&](const Window& w, int64_t from, int64_t to) {
-    add_levels(processed_levels, block_start(w, from).data(), static_cast<std::size_t>(to - from));
+    if (!unit_gain) add_levels(processed_levels, block_start(w, from).data(), static_cast<std::size_t>(to - from));
     for (PairSearch& p : direction_searches) add_lag_block(p.search, w.at[p.a], w.at[p.b], w.origin, from, to);
   });
   result.raw = finish_levels(raw, "raw channel");
   add_clipping_warning(gain_db, clipped, result.gain_warnings);
-  result.processed = finish_levels(processed_levels, "processed channel");
+  result.processed = finish_levels(unit_gain ? raw : processed_levels, "processed channel");
 
   std::optional<int32_t> end_to_end_lag;
   if (estimate) {
     run_searches(direction_searches, 1, true);
-    const LagResult r03 = pair_result(direction_searches[2]);
+    const LagResult r03 = pair_result(direction_searches[0]);
     end_to_end_lag = r03.lag;
-    result.direction = direction_from_lags(r03, pair_result(direction_searches[3]),
-                                           pair_result(direction_searches[0]), pair_result(direction_searches[1]),
+    result.direction = direction_from_lags(r03, pair_result(direction_searches[1]),
+                                           pair_result(direction_searches[2]), pair_result(direction_searches[3]),
                                            "processed");
   } else {
     result.direction.samples_source = "processed";
@@ -249,13 +267,18 @@ RecordingAnalysis analyse_recording(const WavSource& source, double gain_db, con
 
   // Last: the beam, to the sink and its levels.
   LevelMeter beam_levels = start_levels(1, source.format.sample_rate, frames);
-  std::vector<double> out(static_cast<std::size_t>(block));
-  one_pass(n, block, windows, processed, nothing, [&](const Window& w, int64_t from, int64_t to) {
-    beam_block(w.at.data(), m, beam.lags, w.origin, n, from, to, out.data());
-    const std::size_t count = static_cast<std::size_t>(to - from);
-    const double* beam_at = out.data();
-    add_levels(beam_levels, &beam_at, count);
-    beam_out(out.data(), count);
+  // The reading thread forms the beam of a window, into the window's own
+  // buffer, and measures it; the other thread hands it to the sink.
+  std::array<std::vector<double>, kWindows> outs;
+  for (auto& out : outs) out.resize(static_cast<std::size_t>(block));
+  const auto out_of = [&](const Window& w) { return outs[static_cast<std::size_t>(&w - windows.data())].data(); };
+  const Work beam_of = [&](const Window& w, int64_t from, int64_t to) {
+    const double* out = out_of(w);
+    beam_block(w.at.data(), m, beam.lags, w.origin, n, from, to, out_of(w));
+    add_levels(beam_levels, &out, static_cast<std::size_t>(to - from));
+  };
+  one_pass(n, block, windows, processed, beam_of, [&](const Window& w, int64_t from, int64_t to) {
+    beam_out(out_of(w), static_cast<std::size_t>(to - from));
   });
   result.beamformed = finish_levels(beam_levels, "beamformed channel");
   return result;

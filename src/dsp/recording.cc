@@ -273,8 +273,8 @@ RecordingAnalysis analyse_recording(const WavSource& source, double gain_db, con
   for (auto& out : outs) out.resize(static_cast<std::size_t>(block));
   const auto out_of = [&](const Window& w) { return outs[static_cast<std::size_t>(&w - windows.data())].data(); };
   const Work beam_of = [&](const Window& w, int64_t from, int64_t to) {
-    const double* out = out_of(w);
-    beam_block(w.at.data(), m, beam.lags, w.origin, n, from, to, out_of(w));
+    double* out = out_of(w);
+    beam_block(w.at.data(), m, beam.lags, w.origin, n, from, to, out);
     add_levels(beam_levels, &out, static_cast<std::size_t>(to - from));
   };
   one_pass(n, block, windows, processed, beam_of, [&](const Window& w, int64_t from, int64_t to) {

@@ -133,6 +133,83 @@ void take_lag_means(LagSearch& search) {
   search.second_pass = true;
 }
 
+namespace {
+
+using ChannelSweep = void (*)(const double* const*, int, int64_t, double*, double*);
+
+ChannelSweep channel_sweep(LagKernel kernel) {
+#if defined(__x86_64__)
+  if (kernel == LagKernel::kAvx2) return channel_sums_sweep_4;
+  if (kernel == LagKernel::kAvx512) return channel_sums_sweep_8;
+#elif defined(__aarch64__)
+  if (kernel == LagKernel::kNeon) return channel_sums_sweep_4;
+#endif
+  if (kernel == LagKernel::kScalar) return nullptr;
+  return channel_sums_sweep_2;
+}
+
+// Index i of one channel, one sum at a time.
+void add_channel_sample(ChannelSums& s, int64_t i, double x) {
+  s.running += x;
+  for (int64_t k = 1; k <= kChannelSumReach; ++k) {
+    if (i >= k) s.tail[static_cast<std::size_t>(k - 1)] += x;
+  }
+  const int64_t k = s.n - 1 - i;  // the running sum is now head[k]
+  if (k >= 0 && k <= kChannelSumReach) s.head[static_cast<std::size_t>(k)] = s.running;
+}
+
+}  // namespace
+
+void add_channel_sums(LagKernel kernel, std::span<ChannelSums> sums, const double* const* x, int64_t origin,
+                      int64_t from, int64_t to) {
+  if (sums.empty() || from >= to) return;
+  const int64_t n = sums[0].n;
+  const ChannelSweep sweep = channel_sweep(kernel);
+  // Where every tail has begun and no head is yet to be read, the sums go
+  // side by side; before and after, one by one.
+  const int64_t shared_begin = sweep ? std::min(to, std::max<int64_t>(from, kChannelSumReach)) : to;
+  const int64_t shared_end = std::max(shared_begin, std::min(to, n - 1 - kChannelSumReach));
+  const auto one_by_one = [&](int64_t begin, int64_t end) {
+    for (std::size_t c = 0; c < sums.size(); ++c) {
+      for (int64_t i = begin; i < end; ++i) add_channel_sample(sums[c], i, x[c][i - origin]);
+    }
+  };
+  one_by_one(from, shared_begin);
+  for (std::size_t c = 0; c < sums.size() && shared_begin < shared_end; c += 4) {
+    const int k = static_cast<int>(std::min<std::size_t>(4, sums.size() - c));
+    const double* at[4];
+    double running[4];
+    double lanes[4 * kChannelSumLanes];
+    for (int j = 0; j < k; ++j) {
+      ChannelSums& s = sums[c + static_cast<std::size_t>(j)];
+      at[j] = x[c + static_cast<std::size_t>(j)] + (shared_begin - origin);
+      running[j] = s.running;
+      std::copy(s.tail.begin(), s.tail.end(), lanes + j * kChannelSumLanes);
+    }
+    sweep(at, k, shared_end - shared_begin, running, lanes);
+    for (int j = 0; j < k; ++j) {
+      ChannelSums& s = sums[c + static_cast<std::size_t>(j)];
+      s.running = running[j];
+      std::copy(lanes + j * kChannelSumLanes, lanes + (j + 1) * kChannelSumLanes, s.tail.begin());
+    }
+  }
+  one_by_one(shared_end, to);
+}
+
+void take_lag_means(LagSearch& search, const ChannelSums& a, const ChannelSums& b) {
+  assert(!search.second_pass && search.max_lag <= kChannelSumReach && a.n == search.n && b.n == search.n);
+  const auto tail = [](const ChannelSums& s, int64_t k) { return s.tail[static_cast<std::size_t>(k - 1)]; };
+  const auto head = [](const ChannelSums& s, int64_t k) { return s.head[static_cast<std::size_t>(k)]; };
+  for (std::size_t k = 0; k < search.first.size(); ++k) {
+    // Lag L pairs a over [0, n - L) with b over [L, n), or a over [-L, n)
+    // with b over [0, n + L).
+    const int64_t lag = lane_lag(search, k);
+    search.first[k] = lag >= 0 ? head(a, lag) : tail(a, -lag);
+    search.second[k] = lag <= 0 ? head(b, -lag) : tail(b, lag);
+  }
+  take_lag_means(search);
+}
+
 void lag_search_scores(const LagSearch& search, double* scores) {
   for (std::size_t k = 0; k < search.first.size(); ++k) {
     scores[lane_lag(search, k) + search.max_lag] =

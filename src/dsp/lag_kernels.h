@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -53,6 +54,30 @@ void add_lag_block(LagSearch& search, const double* a, const double* b, int64_t 
 
 // Ends the first pass: the sums become the means of each lag's overlap.
 void take_lag_means(LagSearch& search);
+
+// The first pass of several searches at once. Each side of a lag's overlap
+// is a head [0, n - k) or a tail [k, n) of its channel, k = |lag|: the sums
+// of each channel's heads and tails up to kChannelSumReach, each added in
+// index order from 0.0, are the bits of every search's own first pass over
+// that channel. All heads are one running sum, read as it passes n - k.
+constexpr int32_t kChannelSumReach = 8;
+constexpr int kChannelSumLanes = kChannelSumReach;  // the tails k = 1 .. reach
+
+struct ChannelSums {
+  int64_t n = 0;
+  double running = 0.0;                          // [0, i) so far
+  std::array<double, kChannelSumReach + 1> head{};  // head[k]: [0, n - k)
+  std::array<double, kChannelSumLanes> tail{};      // tail[k - 1]: [k, n)
+};
+
+// Adds indices [from, to) of every channel, sample i of channel c at
+// x[c][i - origin], to sums[c] (all of length n).
+void add_channel_sums(LagKernel kernel, std::span<ChannelSums> sums, const double* const* x, int64_t origin,
+                      int64_t from, int64_t to);
+
+// Ends a search's first pass from the finished sums of its two channels
+// (take_lag_means after adding every block): max_lag at most the reach.
+void take_lag_means(LagSearch& search, const ChannelSums& a, const ChannelSums& b);
 
 // The scores of the finished search, into scores[L + max_lag].
 void lag_search_scores(const LagSearch& search, double* scores);

@@ -201,7 +201,92 @@ __attribute__((always_inline)) inline void sweep_range(LagPass pass, const LagRa
   }
 }
 
+// One channel's sums in a sweep: the running sum and the lanes in K
+// vectors of W (named, not an array, so that GCC keeps them in registers).
+template <int W>
+struct ChannelLanes {
+  static constexpr int K = kChannelSumLanes / W;
+  static_assert(K * W == kChannelSumLanes && K <= 4);
+  double running;
+  typename LaneVector<W>::type v0, v1, v2, v3;
+  const double* x;
+
+  __attribute__((always_inline)) void load_from(const double* r, const double* lanes, const double* samples) {
+    running = *r;
+    v0 = load<W>(lanes);
+    if constexpr (K > 1) v1 = load<W>(lanes + W);
+    if constexpr (K > 2) v2 = load<W>(lanes + 2 * W);
+    if constexpr (K > 3) v3 = load<W>(lanes + 3 * W);
+    x = samples;
+  }
+  __attribute__((always_inline)) void add(int64_t i) {
+    running += x[i];
+    const typename LaneVector<W>::type s = splat<W>(x + i);
+    v0 += s;
+    if constexpr (K > 1) v1 += s;
+    if constexpr (K > 2) v2 += s;
+    if constexpr (K > 3) v3 += s;
+  }
+  __attribute__((always_inline)) void store_to(double* r, double* lanes) const {
+    *r = running;
+    store<W>(lanes, v0);
+    if constexpr (K > 1) store<W>(lanes + W, v1);
+    if constexpr (K > 2) store<W>(lanes + 2 * W, v2);
+    if constexpr (K > 3) store<W>(lanes + 3 * W, v3);
+  }
+};
+
+// The running sums of C channels over a range that every sum covers, all C
+// channels in one loop so that their additions overlap.
+template <int W, int C>
+__attribute__((always_inline)) inline void sweep_channels(const double* const* x, int64_t count, double* running,
+                                                          double* lanes) {
+  ChannelLanes<W> c0{}, c1{}, c2{}, c3{};
+  const auto each = [&](auto step) __attribute__((always_inline)) {
+    step(c0, 0);
+    if constexpr (C > 1) step(c1, 1);
+    if constexpr (C > 2) step(c2, 2);
+    if constexpr (C > 3) step(c3, 3);
+  };
+  each([&](ChannelLanes<W>& c, int k) { c.load_from(running + k, lanes + k * kChannelSumLanes, x[k]); });
+  for (int64_t i = 0; i < count; ++i) {
+    each([i](ChannelLanes<W>& c, int) __attribute__((always_inline)) { c.add(i); });
+  }
+  each([&](ChannelLanes<W>& c, int k) { c.store_to(running + k, lanes + k * kChannelSumLanes); });
+}
+
+template <int W>
+__attribute__((always_inline)) inline void sweep_channel_sums(const double* const* x, int channels, int64_t count,
+                                                              double* running, double* lanes) {
+  switch (channels) {
+    case 4: sweep_channels<W, 4>(x, count, running, lanes); break;
+    case 3: sweep_channels<W, 3>(x, count, running, lanes); break;
+    case 2: sweep_channels<W, 2>(x, count, running, lanes); break;
+    default: sweep_channels<W, 1>(x, count, running, lanes); break;
+  }
+}
+
 }  // namespace
+
+void channel_sums_sweep_2(const double* const* x, int channels, int64_t count, double* running, double* lanes) {
+  sweep_channel_sums<2>(x, channels, count, running, lanes);
+}
+
+#if defined(__x86_64__)
+__attribute__((target("avx2,fma"))) void channel_sums_sweep_4(const double* const* x, int channels, int64_t count,
+                                                              double* running, double* lanes) {
+  sweep_channel_sums<4>(x, channels, count, running, lanes);
+}
+
+__attribute__((target("avx512f"))) void channel_sums_sweep_8(const double* const* x, int channels, int64_t count,
+                                                             double* running, double* lanes) {
+  sweep_channel_sums<8>(x, channels, count, running, lanes);
+}
+#elif defined(__aarch64__)
+void channel_sums_sweep_4(const double* const* x, int channels, int64_t count, double* running, double* lanes) {
+  sweep_channel_sums<4>(x, channels, count, running, lanes);
+}
+#endif
 
 void lag_sweep_2(LagPass pass, const LagRange& range, const int32_t* starts, int groups, const LaneSums& sums) {
   sweep_range<2>(pass, range, starts, groups, sums);

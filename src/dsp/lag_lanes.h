@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "dsp/direction.h"
+#include "dsp/lag_kernels.h"
 
 namespace sonderlark {
 
@@ -91,5 +92,17 @@ void lag_sweep_8(LagPass pass, const LagRange& range, const int32_t* starts, int
 
 // Groups per sweep: five vectors each stay in registers at every width.
 constexpr int kMaxLagGroupsPerSweep = 3;
+
+// Adds indices 0 .. count - 1 of `channels` (1 to 4) channels, x[c][i], to
+// running[c] and to each of the kChannelSumLanes sums lanes[c *
+// kChannelSumLanes + j], one addition per index and sum, in index order.
+// Widths as lag_sweep_W.
+void channel_sums_sweep_2(const double* const* x, int channels, int64_t count, double* running, double* lanes);
+#if defined(__x86_64__) || defined(__aarch64__)
+void channel_sums_sweep_4(const double* const* x, int channels, int64_t count, double* running, double* lanes);
+#endif
+#if defined(__x86_64__)
+void channel_sums_sweep_8(const double* const* x, int channels, int64_t count, double* running, double* lanes);
+#endif
 
 }  // namespace sonderlark

@@ -103,7 +103,7 @@ struct MonoWavWriter {
   FileReplacement file;
   uint64_t expected = 0;  // samples announced in the header
   uint64_t written = 0;
-  std::string bytes;      // reused between blocks
+  std::string bytes;      // samples not yet written
   MonoWavWriter() = default;
   MonoWavWriter(MonoWavWriter&& other) noexcept;
   MonoWavWriter& operator=(MonoWavWriter&&) = delete;

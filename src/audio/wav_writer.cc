@@ -50,23 +50,44 @@ MonoWavWriter begin_mono_wav(const std::string& path, int32_t sample_rate, uint6
   bytes += "data";
   write_le32(bytes, data_size);
   replacement_write(writer.file, bytes);
+  bytes.clear();
   return writer;
 }
+
+namespace {
+
+// Bytes gathered before one write: a block at a time would be a system
+// call per 16 KiB.
+constexpr std::size_t kFlushBytes = 1 << 20;
+
+void flush(MonoWavWriter& writer) {
+  replacement_write(writer.file, writer.bytes);
+  writer.bytes.clear();
+}
+
+}  // namespace
 
 void write_mono_samples(MonoWavWriter& writer, const double* samples, std::size_t count) {
   constexpr std::size_t kStep = 4096;
   int16_t pcm[kStep];
-  writer.bytes.clear();
+  const std::size_t at = writer.bytes.size();
+  writer.bytes.resize(at + 2 * count);
+  char* out = writer.bytes.data() + at;
   for (std::size_t start = 0; start < count; start += kStep) {
     const std::size_t n = std::min(kStep, count - start);
     pcm16_block(samples + start, n, pcm);
-    for (std::size_t i = 0; i < n; ++i) write_le16(writer.bytes, static_cast<uint16_t>(pcm[i]));
+    for (std::size_t i = 0; i < n; ++i, out += 2) {  // little-endian
+      const auto v = static_cast<uint16_t>(pcm[i]);
+      out[0] = static_cast<char>(v & 0xFFu);
+      out[1] = static_cast<char>(v >> 8);
+    }
   }
-  replacement_write(writer.file, writer.bytes);
+  if (writer.bytes.size() >= kFlushBytes) flush(writer);
   writer.written += count;
 }
 
 void finish_mono_wav(MonoWavWriter& writer) {
+  flush(writer);
   if (writer.written != writer.expected) writer.file.failed = true;
   if (!finish_replacement(writer.file)) throw std::runtime_error("failed to write WAV: " + writer.file.path);
 }

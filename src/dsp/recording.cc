@@ -18,6 +18,8 @@ namespace {
 // neighbours either side.
 constexpr int64_t kHalo = kEndToEndMaxLag;
 static_assert(kFallbackMaxLag <= kHalo && kAdjacentMaxLag <= kHalo);
+// The searches' first pass comes from the channels' sums.
+static_assert(kFallbackMaxLag <= kChannelSumReach && kEndToEndMaxLag <= kChannelSumReach);
 
 // Samples per window at most, whatever the channel count claims: 2 MiB.
 constexpr std::size_t kWindowSamples = 1 << 18;
@@ -97,6 +99,28 @@ LagResult pair_result(const PairSearch& p) {
 constexpr std::size_t kWindows = 3;
 using Windows = std::array<Window, kWindows>;
 
+// Waits until ready(counter) and returns the counter. The other thread is
+// usually there within microseconds, less than a sleep and a wake-up cost:
+// it spins a while before it sleeps.
+template <typename Ready>
+int64_t await(std::atomic<int64_t>& counter, Ready ready) {
+  constexpr int kSpins = 4096;
+  for (int spin = 0; spin < kSpins; ++spin) {
+    const int64_t v = counter.load();
+    if (ready(v)) return v;
+#if defined(__x86_64__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    asm volatile("yield");
+#endif
+  }
+  for (;;) {
+    const int64_t v = counter.load();
+    if (ready(v)) return v;
+    counter.wait(v);
+  }
+}
+
 // One pass over the recording: fill(window, from, to) reads a block into a
 // window; then `first` and `second` each do their share of the block's work
 // (every accumulator belongs to one of them; `second` may read what `first`
@@ -125,8 +149,7 @@ void one_pass(int64_t n, int64_t block, Windows& windows, const Fill& fill, cons
   std::atomic<int64_t> done = 0;
   std::thread helper([&] {
     for (int64_t k = 0; k < blocks; ++k) {
-      int64_t seen;
-      while ((seen = filled.load()) <= k && seen >= 0) filled.wait(seen);
+      const int64_t seen = await(filled, [k](int64_t v) { return v > k || v < 0; });
       if (seen < 0) return;
       const auto [from, to] = range(k);
       second(windows[static_cast<std::size_t>(k) % kWindows], from, to);
@@ -137,7 +160,7 @@ void one_pass(int64_t n, int64_t block, Windows& windows, const Fill& fill, cons
   std::exception_ptr failure;
   for (int64_t k = 0; k < blocks && !failure; ++k) {
     // The window of block k last held block k - kWindows: wait for the helper to be done with it.
-    for (int64_t d; (d = done.load()) < k - static_cast<int64_t>(kWindows) + 1;) done.wait(d);
+    await(done, [k](int64_t d) { return d >= k - static_cast<int64_t>(kWindows) + 1; });
     const auto [from, to] = range(k);
     Window& w = windows[static_cast<std::size_t>(k) % kWindows];
     try {
@@ -179,11 +202,12 @@ RecordingAnalysis analyse_recording(const WavSource& source, double gain_db, con
     load_block(source, from, to, w);
     if (!unit_gain) gain_block(gain, from, to, w, nullptr);
   };
-  const Work nothing = [](const Window&, int64_t, int64_t) {};
   // Searches split between the two threads (the first `first_share` with
-  // the reading of the next block), through both of their passes or,
-  // when the sums are in already, the second.
-  auto run_searches = [&](std::vector<PairSearch>& searches, std::size_t first_share, bool sums_done) {
+  // the reading of the next block): their means from the channels' sums of
+  // the first pass, then one pass for their centred products.
+  std::vector<ChannelSums> channel_sums(m);
+  for (ChannelSums& s : channel_sums) s.n = n;
+  auto run_searches = [&](std::vector<PairSearch>& searches, std::size_t first_share) {
     const auto share = [&searches](std::size_t begin, std::size_t end) -> Work {
       return [&searches, begin, end](const Window& w, int64_t from, int64_t to) {
         for (std::size_t k = begin; k < std::min(end, searches.size()); ++k) {
@@ -191,43 +215,52 @@ RecordingAnalysis analyse_recording(const WavSource& source, double gain_db, con
         }
       };
     };
+    for (PairSearch& p : searches) take_lag_means(p.search, channel_sums[p.a], channel_sums[p.b]);
     const std::size_t split = std::min(first_share, searches.size());
-    if (!sums_done) one_pass(n, block, windows, processed, share(0, split), share(split, searches.size()));
-    for (PairSearch& p : searches) take_lag_means(p.search);
     one_pass(n, block, windows, processed, share(0, split), share(split, searches.size()));
   };
 
-  // First: the levels before and after the gain, and the sums of the
-  // direction's four searches; then their centred products.
+  // First: the levels before and after the gain, and the sums of every
+  // channel that the lag searches start from.
   LevelMeter raw = start_levels(channels, source.format.sample_rate, frames);
   LevelMeter processed_levels = start_levels(channels, source.format.sample_rate, frames);
   std::vector<int64_t> clipped(m, 0);
-  const bool estimate = m >= 4 && n > 0;
-  std::vector<PairSearch> direction_searches;
-  if (estimate) {
-    // The end-to-end search (17 lags) costs about what the three adjacent
-    // ones (7 lags each) cost together: it goes with the reading.
-    direction_searches.push_back(pair_search(0, 3, kEndToEndMaxLag, frames));
-    direction_searches.push_back(pair_search(0, 1, kAdjacentMaxLag, frames));
-    direction_searches.push_back(pair_search(1, 2, kAdjacentMaxLag, frames));
-    direction_searches.push_back(pair_search(2, 3, kAdjacentMaxLag, frames));
-  }
-  const Fill raw_then_processed = [&](Window& w, int64_t from, int64_t to) {
-    load_block(source, from, to, w);
-    add_levels(raw, block_start(w, from).data(), static_cast<std::size_t>(to - from));
-    if (!unit_gain) gain_block(gain, from, to, w, &clipped);
+  const LagKernel kernel = default_lag_kernel();
+  const auto add_sums = [&](const Window& w, int64_t from, int64_t to) {
+    add_channel_sums(kernel, channel_sums, w.at.data(), w.origin, from, to);
   };
-  one_pass(n, block, windows, raw_then_processed, nothing, [&](const Window& w, int64_t from, int64_t to) {
-    if (!unit_gain) add_levels(processed_levels, block_start(w, from).data(), static_cast<std::size_t>(to - from));
-    for (PairSearch& p : direction_searches) add_lag_block(p.search, w.at[p.a], w.at[p.b], w.origin, from, to);
-  });
+  if (unit_gain) {
+    // The samples as read are the processed ones.
+    one_pass(n, block, windows, processed, add_sums, [&](const Window& w, int64_t from, int64_t to) {
+      add_levels(raw, block_start(w, from).data(), static_cast<std::size_t>(to - from));
+    });
+  } else {
+    const Fill raw_then_processed = [&](Window& w, int64_t from, int64_t to) {
+      load_block(source, from, to, w);
+      add_levels(raw, block_start(w, from).data(), static_cast<std::size_t>(to - from));
+      gain_block(gain, from, to, w, &clipped);
+    };
+    one_pass(n, block, windows, raw_then_processed, [](const Window&, int64_t, int64_t) {},
+             [&](const Window& w, int64_t from, int64_t to) {
+               add_levels(processed_levels, block_start(w, from).data(), static_cast<std::size_t>(to - from));
+               add_sums(w, from, to);
+             });
+  }
   result.raw = finish_levels(raw, "raw channel");
   add_clipping_warning(gain_db, clipped, result.gain_warnings);
   result.processed = finish_levels(unit_gain ? raw : processed_levels, "processed channel");
 
+  const bool estimate = m >= 4 && n > 0;
   std::optional<int32_t> end_to_end_lag;
   if (estimate) {
-    run_searches(direction_searches, 1, true);
+    // The end-to-end search (17 lags) costs about what the three adjacent
+    // ones (9 lags each) cost together: it goes with the reading.
+    std::vector<PairSearch> direction_searches;
+    direction_searches.push_back(pair_search(0, 3, kEndToEndMaxLag, frames));
+    direction_searches.push_back(pair_search(0, 1, kAdjacentMaxLag, frames));
+    direction_searches.push_back(pair_search(1, 2, kAdjacentMaxLag, frames));
+    direction_searches.push_back(pair_search(2, 3, kAdjacentMaxLag, frames));
+    run_searches(direction_searches, 1);
     const LagResult r03 = pair_result(direction_searches[0]);
     end_to_end_lag = r03.lag;
     result.direction = direction_from_lags(r03, pair_result(direction_searches[1]),
@@ -238,7 +271,7 @@ RecordingAnalysis analyse_recording(const WavSource& source, double gain_db, con
   }
 
   // The shifts: from the estimate, or each channel aligned to channel 0
-  // (two more passes per batch of channels; channel 3's search is the
+  // (one more pass per batch of channels; channel 3's search is the
   // estimate's own).
   BeamformResult& beam = result.beam;
   if (beam_is_guided(result.direction, channels)) {
@@ -259,7 +292,7 @@ RecordingAnalysis analyse_recording(const WavSource& source, double gain_db, con
       for (std::size_t k = first; k < std::min(wanted.size(), first + kSearchesPerPass); ++k) {
         searches.push_back(pair_search(0, wanted[k], kFallbackMaxLag, frames));
       }
-      run_searches(searches, searches.size() / 2, false);
+      run_searches(searches, searches.size() / 2);
       for (const PairSearch& p : searches) beam.lags[p.b] = pair_result(p).lag;
     }
     beam.method = kFallbackBeamMethod;
@@ -268,17 +301,17 @@ RecordingAnalysis analyse_recording(const WavSource& source, double gain_db, con
   // Last: the beam, to the sink and its levels.
   LevelMeter beam_levels = start_levels(1, source.format.sample_rate, frames);
   // The reading thread forms the beam of a window, into the window's own
-  // buffer, and measures it; the other thread hands it to the sink.
+  // buffer; the other thread measures it and hands it to the sink.
   std::array<std::vector<double>, kWindows> outs;
   for (auto& out : outs) out.resize(static_cast<std::size_t>(block));
   const auto out_of = [&](const Window& w) { return outs[static_cast<std::size_t>(&w - windows.data())].data(); };
   const Work beam_of = [&](const Window& w, int64_t from, int64_t to) {
-    double* out = out_of(w);
-    beam_block(w.at.data(), m, beam.lags, w.origin, n, from, to, out);
-    add_levels(beam_levels, &out, static_cast<std::size_t>(to - from));
+    beam_block(w.at.data(), m, beam.lags, w.origin, n, from, to, out_of(w));
   };
   one_pass(n, block, windows, processed, beam_of, [&](const Window& w, int64_t from, int64_t to) {
-    beam_out(out_of(w), static_cast<std::size_t>(to - from));
+    double* out = out_of(w);
+    add_levels(beam_levels, &out, static_cast<std::size_t>(to - from));
+    beam_out(out, static_cast<std::size_t>(to - from));
   });
   result.beamformed = finish_levels(beam_levels, "beamformed channel");
   return result;

@@ -11,11 +11,12 @@ $BENCH_TMP (default /tmp) and are removed afterwards.
 
 For each length, three runs of `sonderlark --input-wav` under
 /usr/bin/time -f "%e %M" (wall seconds, peak RSS in KiB) after one run
-that warms the page cache, and three with --input-gain-db 6 (at the
-default 0 dB the tool skips the gain, which changes no sample); then, on
-the same file, three runs of
-`sox FILE -b 16 OUT gain 6 remix 1-4` (only the gain and the mix, no
-analysis). Prints every run and the medians.
+that warms the page cache, each writing a new beam WAV; three that replace
+the previous run's; and three with --input-gain-db 6 (at the default 0 dB
+the tool skips the gain, which changes no sample); then, on the same file,
+three runs of `sox FILE -b 16 OUT gain 6 remix 1-4` (only the gain and the
+mix, no analysis), each writing a new file. Prints every run and the
+medians.
 """
 import os
 import shutil
@@ -29,7 +30,11 @@ FRAME = 16  # 4 channels x 32 bits
 MAX_FRAMES = 0xFFFFFFFF // FRAME
 
 
-def timed(command):
+def timed(command, remove=()):
+    """Runs command once; `remove` lists outputs deleted first (untimed)."""
+    for path in remove:
+        if os.path.exists(path):
+            os.remove(path)
     out = subprocess.run(["/usr/bin/time", "-f", "%e %M"] + command, stdout=subprocess.DEVNULL,
                          stderr=subprocess.PIPE, text=True, check=True).stderr.strip().splitlines()[-1]
     wall, kib = out.split()
@@ -81,15 +86,22 @@ def main():
             sox = ["sox", wav, "-b", "16", os.path.join(work, "sox.wav"), "gain", "6", "remix", "1-4"]
             timed(tool)  # warms the page cache
             print(f"{length} ({frames} frames, {os.path.getsize(wav) / 1e6:.1f} MB):")
-            # The default gain (0 dB) leaves the samples as read; +6 dB is what sox is asked for.
-            for label, extra in (("sonderlark", []), ("sonderlark +6 dB", ["--input-gain-db", "6"])):
-                runs = [timed(tool + extra) for _ in range(3)]
+            # Each run writes a new beam WAV (the last one's removed, untimed), as a first run
+            # does; "replacing" leaves the last run's in place, and its rename then also frees
+            # the old file (about 0.09 s for an hour's 115 MB here). The default gain (0 dB)
+            # leaves the samples as read; +6 dB is what sox is asked for.
+            outputs = [os.path.join(work, name) for name in ("beam.wav", "event.json")]
+            for label, extra, remove in (("sonderlark", [], outputs),
+                                         ("sonderlark replacing", [], ()),
+                                         ("sonderlark +6 dB", ["--input-gain-db", "6"], outputs)):
+                runs = [timed(tool + extra, remove) for _ in range(3)]
                 walls = [w for w, _ in runs]
                 median = statistics.median(walls)
                 spread = max(abs(w - median) for w in walls) / median * 100 if median > 0 else 0.0
                 print(f"    {label} wall {', '.join(f'{w:.2f}' for w in walls)} s (median {median:.2f} s, "
                       f"spread {spread:.0f} %), peak RSS {', '.join(f'{k / 1024:.1f}' for _, k in runs)} MiB")
-            sox_runs = [timed(sox) for _ in range(3)] if shutil.which("sox") else []
+            sox_out = [os.path.join(work, "sox.wav")]
+            sox_runs = [timed(sox, sox_out) for _ in range(3)] if shutil.which("sox") else []
             if sox_runs:
                 print(f"    sox gain+mix wall {', '.join(f'{w:.2f}' for w, _ in sox_runs)} s "
                       f"(median {statistics.median(w for w, _ in sox_runs):.2f} s)")

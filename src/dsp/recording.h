@@ -36,8 +36,9 @@ constexpr std::size_t kRecordingBlockFrames = 8192;
 // each channel and the per-channel, per-lag sums, whatever the length. Every
 // sum keeps the order of the whole-record stages, so every number and every
 // beam sample is the bits those give on the whole recording. The recording
-// is read three times (the lag sums, the centred products, the beam), five
-// when the beam falls back to aligning channels one by one.
+// is read three times (the levels and channel sums, the centred products,
+// the beam), once more per 16 channels when the beam falls back to aligning
+// channels one by one.
 RecordingAnalysis analyse_recording(const WavSource& source, double gain_db, const BeamSink& beam_out,
                                     std::size_t block_frames = kRecordingBlockFrames);
 

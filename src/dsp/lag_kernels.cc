@@ -135,7 +135,7 @@ void take_lag_means(LagSearch& search) {
 
 namespace {
 
-using ChannelSweep = void (*)(const double* const*, int, int64_t, double*, double*);
+using ChannelSweep = void (*)(ChannelSums*, const double* const*, int, int64_t);
 
 ChannelSweep channel_sweep(LagKernel kernel) {
 #if defined(__x86_64__)
@@ -176,22 +176,10 @@ void add_channel_sums(LagKernel kernel, std::span<ChannelSums> sums, const doubl
   };
   one_by_one(from, shared_begin);
   for (std::size_t c = 0; c < sums.size() && shared_begin < shared_end; c += 4) {
-    const int k = static_cast<int>(std::min<std::size_t>(4, sums.size() - c));
+    const std::size_t k = std::min<std::size_t>(4, sums.size() - c);
     const double* at[4];
-    double running[4];
-    double lanes[4 * kChannelSumLanes];
-    for (int j = 0; j < k; ++j) {
-      ChannelSums& s = sums[c + static_cast<std::size_t>(j)];
-      at[j] = x[c + static_cast<std::size_t>(j)] + (shared_begin - origin);
-      running[j] = s.running;
-      std::copy(s.tail.begin(), s.tail.end(), lanes + j * kChannelSumLanes);
-    }
-    sweep(at, k, shared_end - shared_begin, running, lanes);
-    for (int j = 0; j < k; ++j) {
-      ChannelSums& s = sums[c + static_cast<std::size_t>(j)];
-      s.running = running[j];
-      std::copy(lanes + j * kChannelSumLanes, lanes + (j + 1) * kChannelSumLanes, s.tail.begin());
-    }
+    for (std::size_t j = 0; j < k; ++j) at[j] = x[c + j] + (shared_begin - origin);
+    sweep(sums.data() + c, at, static_cast<int>(k), shared_end - shared_begin);
   }
   one_by_one(shared_end, to);
 }

@@ -211,8 +211,9 @@ struct ChannelLanes {
   typename LaneVector<W>::type v0, v1, v2, v3;
   const double* x;
 
-  __attribute__((always_inline)) void load_from(const double* r, const double* lanes, const double* samples) {
-    running = *r;
+  __attribute__((always_inline)) void load_from(const ChannelSums& sums, const double* samples) {
+    const double* lanes = sums.tail.data();
+    running = sums.running;
     v0 = load<W>(lanes);
     if constexpr (K > 1) v1 = load<W>(lanes + W);
     if constexpr (K > 2) v2 = load<W>(lanes + 2 * W);
@@ -227,8 +228,9 @@ struct ChannelLanes {
     if constexpr (K > 2) v2 += s;
     if constexpr (K > 3) v3 += s;
   }
-  __attribute__((always_inline)) void store_to(double* r, double* lanes) const {
-    *r = running;
+  __attribute__((always_inline)) void store_to(ChannelSums& sums) const {
+    double* lanes = sums.tail.data();
+    sums.running = running;
     store<W>(lanes, v0);
     if constexpr (K > 1) store<W>(lanes + W, v1);
     if constexpr (K > 2) store<W>(lanes + 2 * W, v2);
@@ -239,8 +241,8 @@ struct ChannelLanes {
 // The running sums of C channels over a range that every sum covers, all C
 // channels in one loop so that their additions overlap.
 template <int W, int C>
-__attribute__((always_inline)) inline void sweep_channels(const double* const* x, int64_t count, double* running,
-                                                          double* lanes) {
+__attribute__((always_inline)) inline void sweep_channels(ChannelSums* sums, const double* const* x,
+                                                          int64_t count) {
   ChannelLanes<W> c0{}, c1{}, c2{}, c3{};
   const auto each = [&](auto step) __attribute__((always_inline)) {
     step(c0, 0);
@@ -248,43 +250,43 @@ __attribute__((always_inline)) inline void sweep_channels(const double* const* x
     if constexpr (C > 2) step(c2, 2);
     if constexpr (C > 3) step(c3, 3);
   };
-  each([&](ChannelLanes<W>& c, int k) { c.load_from(running + k, lanes + k * kChannelSumLanes, x[k]); });
+  each([&](ChannelLanes<W>& c, int k) { c.load_from(sums[k], x[k]); });
   for (int64_t i = 0; i < count; ++i) {
     each([i](ChannelLanes<W>& c, int) __attribute__((always_inline)) { c.add(i); });
   }
-  each([&](ChannelLanes<W>& c, int k) { c.store_to(running + k, lanes + k * kChannelSumLanes); });
+  each([&](ChannelLanes<W>& c, int k) { c.store_to(sums[k]); });
 }
 
 template <int W>
-__attribute__((always_inline)) inline void sweep_channel_sums(const double* const* x, int channels, int64_t count,
-                                                              double* running, double* lanes) {
+__attribute__((always_inline)) inline void sweep_channel_sums(ChannelSums* sums, const double* const* x,
+                                                              int channels, int64_t count) {
   switch (channels) {
-    case 4: sweep_channels<W, 4>(x, count, running, lanes); break;
-    case 3: sweep_channels<W, 3>(x, count, running, lanes); break;
-    case 2: sweep_channels<W, 2>(x, count, running, lanes); break;
-    default: sweep_channels<W, 1>(x, count, running, lanes); break;
+    case 4: sweep_channels<W, 4>(sums, x, count); break;
+    case 3: sweep_channels<W, 3>(sums, x, count); break;
+    case 2: sweep_channels<W, 2>(sums, x, count); break;
+    default: sweep_channels<W, 1>(sums, x, count); break;
   }
 }
 
 }  // namespace
 
-void channel_sums_sweep_2(const double* const* x, int channels, int64_t count, double* running, double* lanes) {
-  sweep_channel_sums<2>(x, channels, count, running, lanes);
+void channel_sums_sweep_2(ChannelSums* sums, const double* const* x, int channels, int64_t count) {
+  sweep_channel_sums<2>(sums, x, channels, count);
 }
 
 #if defined(__x86_64__)
-__attribute__((target("avx2,fma"))) void channel_sums_sweep_4(const double* const* x, int channels, int64_t count,
-                                                              double* running, double* lanes) {
-  sweep_channel_sums<4>(x, channels, count, running, lanes);
+__attribute__((target("avx2,fma"))) void channel_sums_sweep_4(ChannelSums* sums, const double* const* x, int channels,
+                                                              int64_t count) {
+  sweep_channel_sums<4>(sums, x, channels, count);
 }
 
-__attribute__((target("avx512f"))) void channel_sums_sweep_8(const double* const* x, int channels, int64_t count,
-                                                             double* running, double* lanes) {
-  sweep_channel_sums<8>(x, channels, count, running, lanes);
+__attribute__((target("avx512f"))) void channel_sums_sweep_8(ChannelSums* sums, const double* const* x, int channels,
+                                                             int64_t count) {
+  sweep_channel_sums<8>(sums, x, channels, count);
 }
 #elif defined(__aarch64__)
-void channel_sums_sweep_4(const double* const* x, int channels, int64_t count, double* running, double* lanes) {
-  sweep_channel_sums<4>(x, channels, count, running, lanes);
+void channel_sums_sweep_4(ChannelSums* sums, const double* const* x, int channels, int64_t count) {
+  sweep_channel_sums<4>(sums, x, channels, count);
 }
 #endif
 

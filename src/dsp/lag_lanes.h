@@ -94,15 +94,15 @@ void lag_sweep_8(LagPass pass, const LagRange& range, const int32_t* starts, int
 constexpr int kMaxLagGroupsPerSweep = 3;
 
 // Adds indices 0 .. count - 1 of `channels` (1 to 4) channels, x[c][i], to
-// running[c] and to each of the kChannelSumLanes sums lanes[c *
-// kChannelSumLanes + j], one addition per index and sum, in index order.
-// Widths as lag_sweep_W.
-void channel_sums_sweep_2(const double* const* x, int channels, int64_t count, double* running, double* lanes);
+// the running sum and every tail of sums[c], one addition per index and sum,
+// in index order: every tail must have begun and no head be due. Widths as
+// lag_sweep_W.
+void channel_sums_sweep_2(ChannelSums* sums, const double* const* x, int channels, int64_t count);
 #if defined(__x86_64__) || defined(__aarch64__)
-void channel_sums_sweep_4(const double* const* x, int channels, int64_t count, double* running, double* lanes);
+void channel_sums_sweep_4(ChannelSums* sums, const double* const* x, int channels, int64_t count);
 #endif
 #if defined(__x86_64__)
-void channel_sums_sweep_8(const double* const* x, int channels, int64_t count, double* running, double* lanes);
+void channel_sums_sweep_8(ChannelSums* sums, const double* const* x, int channels, int64_t count);
 #endif
 
 }  // namespace sonderlark

@@ -3,6 +3,7 @@
 
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <chrono>
 #include <cmath>
@@ -118,16 +119,26 @@ struct SoundServer {
   }
 
   // A recorder of the pipe source at 16 kHz into `wav`, started in the
-  // background. Both stop on SIGINT with everything they received written.
+  // background and running half a second later. Both stop on SIGINT with
+  // everything they received written.
   int start_recorder(const std::string& wav) const {
     if (kind == Server::kPulseAudio) {
-      return test::spawn({"parecord", "-d", "sonderlark_mic", "--rate=16000", "--channels=1", "--format=s16le",
-                          "--latency-msec=20", "--file-format=wav", wav},
-                         env, wav + ".out", wav + ".err");
+      const int pid = test::spawn({"parecord", "-d", "sonderlark_mic", "--rate=16000", "--channels=1",
+                                   "--format=s16le", "--latency-msec=20", "--file-format=wav", wav},
+                                  env, wav + ".out", wav + ".err");
+      std::this_thread::sleep_for(std::chrono::milliseconds(500));
+      return pid;
     }
-    return test::spawn({"pw-record", "--target", "sonderlark_mic", "--rate", "16000", "--channels", "1", "--format",
-                        "s16", "--latency", "16ms", wav},
-                       env, wav + ".out", wav + ".err");
+    // The Pulse layer may list the source before the session manager can
+    // link to it: pw-record then ends at once ("no node available"), and is
+    // started again.
+    for (int attempt = 0;; ++attempt) {
+      const int pid = test::spawn({"pw-record", "--target", "sonderlark_mic", "--rate", "16000", "--channels", "1",
+                                   "--format", "s16", "--latency", "16ms", wav},
+                                  env, wav + ".out", wav + ".err");
+      std::this_thread::sleep_for(std::chrono::milliseconds(500));
+      if (attempt == 10 || waitpid(pid, nullptr, WNOHANG) == 0) return pid;
+    }
   }
 };
 
@@ -189,7 +200,6 @@ TEST_P(VirtualMicrophone, ARecorderGetsTheBeamBitForBit) {
   SoundServer server(GetParam(), tmp, fifo);
   server.start("server");
   const int recorder = server.start_recorder(tmp.path("rec.wav"));
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
   test::PacedDevice device(tmp);
   Env env = server.env;
   env["XDG_CONFIG_HOME"] = tmp.path("config");

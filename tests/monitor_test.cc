@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <iostream>
@@ -81,6 +82,46 @@ TEST_P(MonitorOnce, FrameMatchesGolden) {
 INSTANTIATE_TEST_SUITE_P(Records, MonitorOnce,
                          testing::Values(OnceCase{"running", 0}, OnceCase{"restarting", 0}, OnceCase{"degraded", 0},
                                          OnceCase{"stale", 1}, OnceCase{"torn", 1}, OnceCase{"missing", 1}),
+                         [](const auto& info) { return info.param.name; });
+
+// Status paths that are no status record: each program answers at once with
+// status 1 and says why, instead of waiting on a FIFO or reading without end.
+// (A deadline of 60 s only fails a hung run.)
+struct NotARecord {
+  std::string name;
+  std::string reason;
+};
+
+void PrintTo(const NotARecord& c, std::ostream* os) { *os << c.name; }
+
+class StatusPathRefused : public testing::TestWithParam<NotARecord> {};
+
+TEST_P(StatusPathRefused, MonitorAndDoctorSayWhyAndEnd) {
+  const NotARecord& c = GetParam();
+  test::TempDir tmp;
+  const std::string path = tmp.path("status.json");
+  if (c.name == "fifo") {
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  }
+  if (c.name == "dev_zero") fs::create_symlink("/dev/zero", path);
+  if (c.name == "oversized") test::write_file(path, "{" + std::string(std::size_t{1} << 21, ' '));
+  const test::RunResult monitor = test::run({"timeout", "60", monitor_path(), "--once", path});
+  EXPECT_EQ(monitor.exit_code, 1);
+  EXPECT_EQ(monitor.out, "sonderlark-monitor  " + path + "\n!! not a status record: " + c.reason + "\n");
+  const test::RunResult doctor =
+      test::run({"timeout", "60", test::program_path("sonderlark-doctor"), "--device", "no_such_device", "--seconds",
+                 "1", "--pcm-output", tmp.path("mic.pcm"), "--event-output", path},
+                {{"XDG_RUNTIME_DIR", tmp.path("")}, {"PULSE_SERVER", tmp.path("no-server")}});
+  EXPECT_EQ(doctor.exit_code, 1);
+  EXPECT_NE(doctor.out.find("[problem] live status: " + path + " is not a status record: " + c.reason + "\n"),
+            std::string::npos)
+      << doctor.out;
+}
+
+INSTANTIATE_TEST_SUITE_P(Paths, StatusPathRefused,
+                         testing::Values(NotARecord{"fifo", "not a regular file"},
+                                         NotARecord{"dev_zero", "not a regular file"},
+                                         NotARecord{"oversized", "larger than 1 MiB"}),
                          [](const auto& info) { return info.param.name; });
 
 TEST(MonitorCommandLine, RefusedWithStatus2) {
@@ -220,6 +261,86 @@ TEST(MonitorInTmux, EveryWayOutRestoresTheTerminal) {
     EXPECT_NE(test::read_file(tmp.path("before")), "");
     fs::remove(tmp.path("after"));
   }
+}
+
+// Text from outside, as it reaches a real terminal: every string member of a
+// status record (and its timestamp), and for the doctor a process name from
+// /proc, carry a title change (ESC ] 2 ; ... BEL), C1 controls and a
+// right-to-left override. The pane's title stays, no escape reaches the
+// screen, and each payload shows with '?' in place of what was filtered.
+std::string payload(const std::string& field) {
+  return "\x1b]2;PWNED-" + field + "\x07\xc2\x9b" "31m\xc2\x9d" "0;PWNED\xe2\x80\xae-end";
+}
+std::string shown(const std::string& field) { return "?]2;PWNED-" + field + "??31m?0;PWNED?-end"; }
+
+void write_hostile_record(const std::string& path, const std::string& status, const std::string& timestamp = "") {
+  DirectionEstimate direction;
+  Options options;
+  options.device = payload("device");
+  options.pcm_output_path = payload("pcm");
+  write_live_event_json(path, options, direction, ChannelDiagnostics{}, false, 7, false, true,
+                        status.empty() ? payload("status") : status, payload("error"), payload("command"), 1,
+                        payload("stderr"));
+  std::string text = test::read_file(path);
+  if (timestamp.empty()) {
+    const std::time_t now = std::time(nullptr);
+    char stamp[32];
+    std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%SZ", std::gmtime(&now));
+    text.replace(text.find("\"timestamp\": \"") + 14, 20, stamp);
+  } else {
+    text.replace(text.find("\"timestamp\": \"") + 14, 20, timestamp);
+  }
+  test::write_file(path, text);
+}
+
+TEST(TerminalText, NoEscapeFromAnyFieldReachesTheTerminal) {
+  test::TempDir tmp;
+  write_hostile_record(tmp.path("any.json"), "");
+  write_hostile_record(tmp.path("degraded.json"), "degraded");
+  write_hostile_record(tmp.path("timestamp.json"), "running", "1-1-1T1:1:1\\u001b]2;PWNED\\u0007");
+  // A reader of the doctor's FIFO whose process name is a title change.
+  ASSERT_EQ(mkfifo(tmp.path("mic.pcm").c_str(), 0600), 0);
+  const std::string hostile_name = tmp.path("\x1b]2;PWNED-comm\x07");
+  fs::copy_file("/bin/sleep", hostile_name);
+  fs::permissions(hostile_name, fs::perms::owner_all);
+  const int holder = test::spawn({"sh", "-c", "exec 3<>\"$0\"; exec \"$1\" 600", tmp.path("mic.pcm"), hostile_name},
+                                 {}, tmp.path("holder.out"), tmp.path("holder.err"));
+  ASSERT_GE(wait_for([&] { return test::read_file("/proc/" + std::to_string(holder) + "/comm").starts_with("\x1b"); },
+                     20.0),
+            0.0);
+
+  const std::string doctor = test::program_path("sonderlark-doctor");
+  const std::string each = "for f in any degraded timestamp; do echo \"== $f\"; \"$0\" --once $f.json; "
+                           "\"$1\" --device no_such_device --seconds 1 --pcm-output \"$2\" --event-output $f.json; "
+                           "done; echo END-OF-OUTPUT; exec sleep 600";
+  Tmux tmux(tmp.path("tmux.sock"));
+  ASSERT_EQ(test::run({"tmux", "-S", tmux.socket, "new-session", "-d", "-x", "250", "-y", "200", "-c",
+                       tmp.dir.string(), "sh", "-c", each, monitor_path(), doctor, tmp.path("mic.pcm")},
+                      {{"XDG_RUNTIME_DIR", tmp.path("")}, {"PULSE_SERVER", tmp.path("no-server")}})
+                .exit_code,
+            0);
+  const auto history = [&] {
+    return test::run({"tmux", "-S", tmux.socket, "capture-pane", "-p", "-e", "-S", "-", "-t", "0"}).out;
+  };
+  EXPECT_GE(wait_for([&] { return history().find("END-OF-OUTPUT") != std::string::npos; }, 120.0), 0.0) << history();
+  const std::string screen = history();
+  const std::string title =
+      test::run({"tmux", "-S", tmux.socket, "display-message", "-p", "-t", "0", "#{pane_title}"}).out;
+  kill(holder, SIGTERM);
+  test::wait_child(holder);
+
+  EXPECT_EQ(title.find("PWNED"), std::string::npos) << title;
+  EXPECT_EQ(screen.find('\x1b'), std::string::npos) << screen;
+  for (const char* bad : {"\xc2\x9b", "\xc2\x9d", "\xe2\x80\xae", "\x07"}) EXPECT_EQ(screen.find(bad), std::string::npos);
+  // What each program shows of each member.
+  for (const std::string field : {"status", "pcm", "command", "stderr", "error"}) {
+    EXPECT_NE(screen.find(shown(field)), std::string::npos) << field << "\n" << screen;
+  }
+  EXPECT_NE(screen.find("status: " + shown("status")), std::string::npos) << screen;
+  EXPECT_NE(screen.find("device " + shown("device")), std::string::npos) << screen;
+  EXPECT_NE(screen.find("arecord said: " + shown("stderr")), std::string::npos) << screen;
+  EXPECT_NE(screen.find("(?]2;PWNED-comm?)"), std::string::npos) << screen;
+  EXPECT_NE(screen.find("!! not a complete JSON status record"), std::string::npos) << screen;
 }
 
 }  // namespace

@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <cmath>
+#include <filesystem>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -96,6 +99,58 @@ TEST(NowIso8601Utc, PatternAndClock) {
   const std::time_t t = timegm(&parsed);
   EXPECT_GE(t, before);
   EXPECT_LE(t, after);
+}
+
+// What a terminal may be shown of outside text: one '?' for each control,
+// hidden character or stray byte; other UTF-8 unchanged.
+TEST(TerminalText, Samples) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"plain text, 30.00 degrees", "plain text, 30.00 degrees"},
+      {"\x1b]2;title\x07", "?]2;title?"},
+      {std::string("\0\t\n\r\x7f", 5), "?????"},
+      {"\xC2\x9B" "31m \xC2\x9D \xC2\x80 \xC2\x9F \xC2\xA0", "?31m ? ? ? \xC2\xA0"},  // C1, then NBSP kept
+      {"\xE2\x80\xAA\xE2\x80\xAE \xE2\x81\xA6\xE2\x81\xA9 \xE2\x80\xA9", "?? ?? \xE2\x80\xA9"},  // bidi; U+2029 kept
+      {"\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x8E\xA4", "\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x8E\xA4"},
+      {"\x80 \xC0\x80 \xED\xA0\x80 \xF4\x90\x80\x80", "? ?? ??? ????"},  // stray, overlong, surrogate, > U+10FFFF
+      {"cut \xE2\x82", "cut ??"},
+  };
+  for (const auto& [in, out] : cases) EXPECT_EQ(terminal_text(in), out) << in;
+}
+
+// Files someone else may have placed: never waited on, never read past 1 MiB.
+TEST(ReadFileText, RefusesWhatIsNotASmallRegularFile) {
+  test::TempDir tmp;
+  test::write_file(tmp.path("small"), "record");
+  test::write_file(tmp.path("limit"), std::string(kMaxFileTextBytes, 'x'));
+  test::write_file(tmp.path("over"), std::string(kMaxFileTextBytes + 1, 'x'));
+  ASSERT_EQ(mkfifo(tmp.path("fifo").c_str(), 0600), 0);
+  std::filesystem::create_symlink(tmp.path("small"), tmp.path("link"));
+  struct Row {
+    std::string path;
+    bool follow;
+    bool found;
+    std::string refused;
+    std::size_t size;
+  };
+  const Row rows[] = {
+      {tmp.path("small"), true, true, "", 6},
+      {tmp.path("limit"), true, true, "", kMaxFileTextBytes},
+      {tmp.path("over"), true, true, "larger than 1 MiB", 0},
+      {tmp.path("fifo"), true, true, "not a regular file", 0},
+      {"/dev/zero", true, true, "not a regular file", 0},
+      {tmp.path("link"), true, true, "", 6},
+      {tmp.path("link"), false, true, "symbolic link", 0},
+      {tmp.path("none"), true, false, "", 0},
+      {"/proc/self/comm", true, true, "", 1},  // says 0 bytes, holds the name
+  };
+  for (const Row& row : rows) {
+    const FileText file = read_file_text(row.path, row.follow);
+    EXPECT_EQ(file.found, row.found) << row.path;
+    EXPECT_EQ(file.refused, row.refused) << row.path;
+    // /proc/self/comm: the test program's name, whatever its length.
+    EXPECT_EQ(file.text.size(), row.path == "/proc/self/comm" ? file.text.find('\n') + 1 : row.size) << row.path;
+    EXPECT_EQ(file.text.empty(), row.size == 0) << row.path;
+  }
 }
 
 TEST(Logger, TruncatesAndFlushesEveryLine) {

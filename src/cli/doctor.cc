@@ -410,6 +410,12 @@ Check status_check(const std::string& status_path, double now) {
     c.message = "no status file at " + status_path + ": no live run has written one there";
     return c;
   }
+  if (state == RecordState::kRefused) {
+    c.state = "problem";
+    c.message = status_path + " is not a status record: " + record.refused;
+    c.advice = "point --event-output at the file a live run writes";
+    return c;
+  }
   if (state == RecordState::kTorn) {
     c.state = "problem";
     c.message = status_path + " is not a complete status record";
@@ -459,9 +465,11 @@ std::string doctor_text(const std::vector<Check>& checks) {
   int counts[3] = {0, 0, 0};
   for (const Check& c : checks) {
     const std::string tag = "[" + c.state + "]";
-    out += tag + std::string(10 - tag.size(), ' ') + c.name + ": " + c.message + "\n";
-    for (const std::string& d : c.details) out += "          " + d + "\n";
-    if (!c.advice.empty()) out += "          what to do: " + c.advice + "\n";
+    // Messages carry device names, status fields, process names and the
+    // children's output: none of it reaches the terminal unfiltered.
+    out += tag + std::string(10 - tag.size(), ' ') + terminal_text(c.name + ": " + c.message) + "\n";
+    for (const std::string& d : c.details) out += "          " + terminal_text(d) + "\n";
+    if (!c.advice.empty()) out += "          what to do: " + terminal_text(c.advice) + "\n";
     ++counts[c.state == "ok" ? 0 : c.state == "problem" ? 1 : 2];
   }
   return out + "summary: " + std::to_string(counts[0]) + " ok, " + std::to_string(counts[1]) + " problem" +

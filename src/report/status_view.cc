@@ -2,8 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
-#include <iterator>
+#include <string>
 #include <nlohmann/json.hpp>
 
 #include "util/text.h"
@@ -18,27 +17,27 @@ constexpr double kMeterFloorDb = -60.0;
 constexpr int kMeterWidth = 40;
 constexpr int kBarWidth = 30;
 
+// Only "YYYY-MM-DDTHH:MM:SSZ" exactly: a timestamp is shown as it stands.
 bool parse_timestamp(const std::string& text, std::time_t& out) {
-  std::tm tm{};
-  if (text.size() != 20 || std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2dZ", &tm.tm_year, &tm.tm_mon, &tm.tm_mday,
-                                       &tm.tm_hour, &tm.tm_min, &tm.tm_sec) != 6) {
-    return false;
+  static constexpr char kShape[] = "dddd-dd-ddTdd:dd:ddZ";
+  if (text.size() != sizeof kShape - 1) return false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool digit = text[i] >= '0' && text[i] <= '9';
+    if (kShape[i] == 'd' ? !digit : text[i] != kShape[i]) return false;
   }
-  tm.tm_year -= 1900;
-  tm.tm_mon -= 1;
+  auto number = [&text](std::size_t at, std::size_t n) { return std::stoi(text.substr(at, n)); };
+  std::tm tm{};
+  tm.tm_year = number(0, 4) - 1900;
+  tm.tm_mon = number(5, 2) - 1;
+  tm.tm_mday = number(8, 2);
+  tm.tm_hour = number(11, 2);
+  tm.tm_min = number(14, 2);
+  tm.tm_sec = number(17, 2);
   out = timegm(&tm);
   return true;
 }
 
-// Control bytes of text shown on a terminal become '?': a status file must
-// not be able to move the cursor or change colours.
-std::string printable(const std::string& text) {
-  std::string out = text;
-  for (char& c : out) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
-  }
-  return out;
-}
+std::string printable(const std::string& text) { return terminal_text(text); }
 
 std::string fit(const std::string& text, std::size_t width = 78) {
   return text.size() <= width ? text : text.substr(0, width - 3) + "...";
@@ -87,10 +86,13 @@ double wall_clock_seconds() {
 }
 
 RecordState read_status_record(const std::string& path, double now, StatusRecord& record) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in.is_open()) return RecordState::kMissing;
-  const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  const nlohmann::json j = nlohmann::json::parse(text, nullptr, false);
+  const FileText file = read_file_text(path);
+  if (!file.found) return RecordState::kMissing;
+  if (!file.refused.empty()) {
+    record.refused = file.refused;
+    return RecordState::kRefused;
+  }
+  const nlohmann::json j = nlohmann::json::parse(file.text, nullptr, false);
   if (j.is_discarded() || !j.is_object() || j.size() != kStatusMembers) return RecordState::kTorn;
   try {
     StatusRecord r;
@@ -123,8 +125,10 @@ RecordState read_status_record(const std::string& path, double now, StatusRecord
 
 double level_dbfs(double rms) { return rms > 0.0 ? std::max(20.0 * std::log10(rms), -120.0) : -120.0; }
 
-std::vector<FrameLine> monitor_frame(const std::string& path, RecordState state, const StatusRecord& record,
-                                     MonitorMemory& memory, double seconds) {
+namespace {
+
+std::vector<FrameLine> frame_lines(const std::string& path, RecordState state, const StatusRecord& record,
+                                   MonitorMemory& memory, double seconds) {
   std::vector<FrameLine> lines;
   lines.push_back({fit("sonderlark-monitor  " + printable(path)), LineStyle::kTitle});
   if (state == RecordState::kMissing) {
@@ -134,6 +138,10 @@ std::vector<FrameLine> monitor_frame(const std::string& path, RecordState state,
   }
   if (state == RecordState::kTorn) {
     lines.push_back({"!! not a complete JSON status record", LineStyle::kBanner});
+    return lines;
+  }
+  if (state == RecordState::kRefused) {
+    lines.push_back({fit("!! not a status record: " + printable(record.refused)), LineStyle::kBanner});
     return lines;
   }
   if (state == RecordState::kStale) {
@@ -208,6 +216,17 @@ std::vector<FrameLine> monitor_frame(const std::string& path, RecordState state,
                        "   PCM output: " + (record.pcm_output_connected ? "connected" : "not connected") + " (" +
                        printable(record.pcm_output) + ")")});
   lines.push_back({fit("capture: " + printable(record.arecord_command))});
+  return lines;
+}
+
+}  // namespace
+
+std::vector<FrameLine> monitor_frame(const std::string& path, RecordState state, const StatusRecord& record,
+                                     MonitorMemory& memory, double seconds) {
+  std::vector<FrameLine> lines = frame_lines(path, state, record, memory, seconds);
+  // Whatever the record held, and wherever a line was cut, the terminal
+  // gets no control and no broken sequence.
+  for (FrameLine& line : lines) line.text = terminal_text(line.text);
   return lines;
 }
 

@@ -12,6 +12,7 @@ namespace sonderlark {
 // What a reader makes of the live status file at one moment.
 enum class RecordState {
   kMissing,  // no file at the path
+  kRefused,  // something other than a regular file of at most 1 MiB (why: StatusRecord::refused)
   kTorn,     // not one complete JSON record of the status file's members
   kStale,    // status "running" but the timestamp is more than 3 s old (whole-second timestamps,
              // so a record is stale at most 3 s after the writer stopped)
@@ -37,13 +38,15 @@ struct StatusRecord {
   bool direction_low_confidence = true;
   bool detected_speech = false;
   std::vector<double> processed_channel_rms;
+  std::string refused;  // for kRefused, the reason the file was not read
 };
 
 constexpr double kStaleAfterSeconds = 3.0;
 
 // Reads and classifies the status file at `path` at wall-clock time `now`
 // (seconds since the epoch, with fractions); `record` is filled for kStale
-// and kFresh.
+// and kFresh, its `refused` for kRefused. Never blocks and never reads more
+// than 1 MiB, whatever is at the path.
 RecordState read_status_record(const std::string& path, double now, StatusRecord& record);
 
 // The wall clock as read_status_record wants it.

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace sonderlark {
 
@@ -11,9 +13,29 @@ std::string shell_quote(const std::string& s);
 // Wall-clock time, whole seconds truncated, as "YYYY-MM-DDTHH:MM:SSZ" (UTC).
 std::string now_iso8601_utc();
 
-// The whole file, byte for byte; empty when it cannot be opened or is not a
-// regular file (a symbolic link, a FIFO: never followed, never waited on).
+// A file that another process may have placed or may replace at any time
+// (a status record, a child's standard error, a /proc entry), read without
+// trusting it: opened without blocking (a FIFO never waits for a writer),
+// accepted only as a regular file after the open, and read up to 1 MiB.
+struct FileText {
+  bool found = false;   // false: nothing at the path
+  std::string refused;  // why a file that is there was not read ("not a regular file", ...)
+  std::string text;     // the bytes, when found and not refused
+};
+
+constexpr std::size_t kMaxFileTextBytes = 1 << 20;
+
+// `follow_links` false also refuses a symbolic link ("symbolic link").
+FileText read_file_text(const std::string& path, bool follow_links = true);
+
+// The text of read_file_text(path, false); empty when it was not read.
 std::string read_text_file(const std::string& path);
+
+// Text from outside the program made safe to write to a terminal: C0 and C1
+// controls, DEL, the bidirectional overrides and isolates (U+202A-U+202E,
+// U+2066-U+2069) and every byte that is not part of valid UTF-8 become '?',
+// one for each character or stray byte. Other UTF-8 passes unchanged.
+std::string terminal_text(std::string_view text);
 
 // `value` in fixed notation with `decimals` digits after the point, rounded
 // as printf's "%.Nf" rounds ("-0.00" keeps its sign; inf and nan as printf).

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
@@ -561,6 +562,56 @@ TEST(LiveStatusFile, ThePollerCatchesAWriterThatWritesInPlace) {
   EXPECT_EQ(test::wait_child(writer), 0) << test::read_file(tmp.path("w.err"));
   EXPECT_GT(poller_counts(poller, tmp.path("stop"), tmp.path("poll.json"))["partial"], 0);
 }
+
+// SIGINT, SIGTERM and SIGHUP (what a terminal, systemctl stop and a closed
+// session send) end a continuous or a finite run cleanly once it has
+// processed a chunk: the stop logged, the summary, a "stopped" record and
+// status 0, and the monitor then shows a stopped run, not a stale one.
+struct StopCase {
+  int signal_number;
+  bool finite;
+};
+
+void PrintTo(const StopCase& c, std::ostream* os) {
+  *os << strsignal(c.signal_number) << (c.finite ? " finite" : " continuous");
+}
+
+class LiveStop : public testing::TestWithParam<StopCase> {};
+
+TEST_P(LiveStop, ASignalEndsTheRunAsItsTimeWouldEnd) {
+  const StopCase& c = GetParam();
+  RealDevice device(64000, true);
+  const std::string log_path = device.tmp.path("status.log");
+  const int tool = test::spawn(device.args(c.finite ? "600" : "0", device.tmp.path("out.pcm")), device.env(),
+                               device.tmp.path("out"), device.tmp.path("err"));
+  // The deadline only fails a run that never gets going.
+  ASSERT_TRUE(wait_for_lines(log_path, "live chunk=1 ", 1)) << test::read_file(log_path);
+  kill(tool, c.signal_number);
+  EXPECT_EQ(test::wait_child(tool), 0);
+  const std::string log = test::read_file(log_path);
+  const std::size_t stop = log.find("\nlive stop requested by signal " + std::to_string(c.signal_number) + "\n");
+  ASSERT_NE(stop, std::string::npos) << log;
+  const json status = status_of(device.status());
+  const std::string chunks = std::to_string(static_cast<int>(status["chunks_processed"]));
+  EXPECT_NE(log.find("\nlive chunks_processed: " + chunks + "\nlive low_confidence_chunks: ", stop), std::string::npos)
+      << log;
+  EXPECT_TRUE(log.ends_with(c.finite ? "\nlive clean finite-duration exit\n" : "\nlive clean exit\n")) << log;
+  EXPECT_EQ(status["status"], "stopped");
+  EXPECT_EQ(status["error"], "");
+  EXPECT_EQ(status["live_processing"], false);
+  const test::RunResult monitor = test::run({test::program_path("sonderlark-monitor"), "--once", device.status()});
+  EXPECT_EQ(monitor.exit_code, 0);
+  EXPECT_NE(monitor.out.find("\nstatus: stopped   chunks: " + chunks + " "), std::string::npos) << monitor.out;
+  EXPECT_EQ(monitor.out.find("STALE"), std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, LiveStop,
+                         testing::Values(StopCase{SIGTERM, false}, StopCase{SIGINT, false}, StopCase{SIGHUP, false},
+                                         StopCase{SIGTERM, true}, StopCase{SIGINT, true}, StopCase{SIGHUP, true}),
+                         [](const auto& info) {
+                           return std::string(sigabbrev_np(info.param.signal_number)) +
+                                  (info.param.finite ? "_finite" : "_continuous");
+                         });
 
 }  // namespace
 }  // namespace sonderlark

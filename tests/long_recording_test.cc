@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utime.h>
 
 #include <filesystem>
@@ -119,6 +120,69 @@ TEST(LongCapture, AnOldPartIsIgnored) {
   EXPECT_NE(log.find("\nduration_seconds: 1.000000\n"), std::string::npos) << log;
   EXPECT_NE(log.find("\nraw_wav: raw.wav\n"), std::string::npos) << log;
 }
+
+// A folder may be shared: a part counts only when this capture wrote it, and
+// a new part that is a link, not a regular file or another user's ends the
+// run. The stand-in arecord writes STEM-01.wav (or the output itself) and
+// then does what the row's `during` says, as someone racing the capture
+// would; `before` is planted before the run.
+struct PartCase {
+  std::string name;
+  std::string before;  // shell, in the folder, before the run
+  std::string during;  // shell, in the folder, after the stand-in wrote its file
+  bool splits;         // the stand-in writes raw-01.wav (else raw.wav)
+  int exit_code;
+  std::string log_end;  // the log's last lines
+  std::string log_has = "";  // and lines elsewhere in it
+};
+
+void PrintTo(const PartCase& c, std::ostream* os) { *os << c.name; }
+
+class SplitParts : public testing::TestWithParam<PartCase> {};
+
+TEST_P(SplitParts, OnlyThisCapturesOwnParts) {
+  const PartCase& c = GetParam();
+  if ((c.before + c.during).find("chown") != std::string::npos && geteuid() != 0) {
+    GTEST_SKIP() << "needs root to give a file to another user";
+  }
+  test::TempDir tmp;
+  fs::create_directory(tmp.path("bin"));
+  test::write_file(tmp.path("four.wav"), test::pcm_wav(test::array_noise(3, 1600, 0.3, 1)));
+  ASSERT_EQ(test::run({"sh", "-c", c.before}, {}, tmp.dir.string()).exit_code, 0);
+  test::write_file(tmp.path("bin/arecord"), "#!/bin/sh\nfor last; do :; done\n"
+                                            "cp four.wav \"" + std::string(c.splits ? "${last%.wav}-01.wav" : "$last") +
+                                                "\"\n" + c.during + "\n");
+  fs::permissions(tmp.path("bin/arecord"), fs::perms::owner_all);
+  const test::RunResult r =
+      test::run({"timeout", "60", test::tool_path(), "--duration", "9000", "--output", "raw.wav", "--log", "run.log",
+                 "--beamformed", "beam.wav", "--event", "event.json"},
+                {{"PATH", tmp.path("bin") + ":" + std::getenv("PATH")}}, tmp.dir.string());
+  EXPECT_EQ(r.exit_code, c.exit_code);
+  const std::string log = test::read_file(tmp.path("run.log"));
+  EXPECT_TRUE(log.ends_with(c.log_end)) << log;
+  EXPECT_NE(log.find(c.log_has), std::string::npos) << log;
+  EXPECT_EQ(fs::exists(tmp.path("event.json")), c.exit_code == 0);
+}
+
+const std::string kCaptured = "capture command: arecord -D 'hw:1,0' -f S32_LE -r 16000 -c 4 -d 9000 -t wav 'raw.wav'\n";
+const std::string kOnePart = "capture split by arecord into 1 files: raw-01.wav .. raw-01.wav\n";
+const std::string kOneFile = "raw_wav: raw.wav\nbeamformed_wav: beam.wav\nevent_json: event.json\nclean exit\n";
+const std::string kFirstPart = "raw_wav: raw-01.wav\nbeamformed_wav: beam.wav\nevent_json: event.json\nclean exit\n";
+
+INSTANTIATE_TEST_SUITE_P(
+    Folders, SplitParts,
+    testing::Values(
+        PartCase{"stale_part", "cp four.wav raw-02.wav && touch -d 2020-01-01 raw-02.wav", "", true, 0, kFirstPart,
+                 kCaptured + kOnePart + "sample_rate: 16000\nchannels: 4\nduration_seconds: 0.100000\n"},
+        PartCase{"foreign_part", "", "cp four.wav raw-02.wav && chown nobody raw-02.wav", true, 20,
+                 kCaptured + "error: split capture part raw-02.wav refused: owned by another user\n"},
+        PartCase{"fifo_part", "", "mkfifo raw-02.wav", true, 20,
+                 kCaptured + "error: split capture part raw-02.wav refused: not a regular file\n"},
+        PartCase{"symlink_part", "", "ln -s four.wav raw-02.wav", true, 20,
+                 kCaptured + "error: split capture part raw-02.wav refused: symbolic link\n"},
+        PartCase{"planted_first_part", "cp four.wav raw-01.wav && chown nobody raw-01.wav && touch -d '+1 hour' raw-01.wav",
+                 "", false, 0, kOneFile, kCaptured + "sample_rate: 16000\nchannels: 4\nduration_seconds: 0.100000\n"}),
+    [](const auto& info) { return info.param.name; });
 
 // Thirty minutes (461 MB of samples) analysed within 256 MiB of address
 // space: the whole-record analysis needed about 1.3 GB for it.

@@ -141,16 +141,15 @@ void decode_frames(const uint8_t* p, uint64_t frames, const WavData& format, dou
     decode_four_s32(p, frames, out);
     return;
   }
+  // Frame by frame, reading the bytes in their order: a wide frame read
+  // channel by channel would stride through memory a frame apart.
   const uint64_t size = frame_bytes(format);
-  for (std::size_t c = 0; c < channels; ++c) {
-    double* o = out[c];
+  for (uint64_t f = 0; f < frames; ++f, p += size) {
     const uint8_t* in = p;
     if (format.bits_per_sample == 16) {
-      in += 2 * c;
-      for (uint64_t f = 0; f < frames; ++f, in += size) o[f] = static_cast<int16_t>(le16(in)) * kScale16;
+      for (std::size_t c = 0; c < channels; ++c, in += 2) out[c][f] = static_cast<int16_t>(le16(in)) * kScale16;
     } else {
-      in += 4 * c;
-      for (uint64_t f = 0; f < frames; ++f, in += size) o[f] = static_cast<int32_t>(le32(in)) * kScale32;
+      for (std::size_t c = 0; c < channels; ++c, in += 4) out[c][f] = static_cast<int32_t>(le32(in)) * kScale32;
     }
   }
 }
@@ -265,7 +264,9 @@ void spool_stream(int fd, const std::string& path, int spool) {
 WavPart open_part(const std::string& path, bool split_part, Layout& layout) {
   WavPart part;
   part.path = path;
-  part.fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  // A split capture's part was checked before; it is opened as checked:
+  // never through a link, never waiting on a FIFO.
+  part.fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | (split_part ? O_NOFOLLOW | O_NONBLOCK : 0));
   if (part.fd < 0) throw std::runtime_error("failed to open WAV: " + path);
   struct Guard {
     WavPart& part;
@@ -275,6 +276,9 @@ WavPart open_part(const std::string& path, bool split_part, Layout& layout) {
     }
   } guard{part};
   struct stat info {};
+  if (split_part && (fstat(part.fd, &info) != 0 || !S_ISREG(info.st_mode))) {
+    throw std::runtime_error("split capture part " + path + " refused: not a regular file");
+  }
   if (fstat(part.fd, &info) != 0 || !S_ISREG(info.st_mode)) {
     const int spool = open_spool();
     if (spool < 0) throw std::runtime_error("failed to buffer WAV stream: " + path);

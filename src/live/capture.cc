@@ -8,8 +8,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <stdexcept>
 #include <ctime>
 #include <thread>
 
@@ -46,6 +49,8 @@ std::string one_shot_capture_command(const std::string& device, int32_t seconds,
 }
 
 std::vector<std::string> split_capture_parts(const std::string& output_path, std::time_t started) {
+  struct stat whole {};
+  if (lstat(output_path.c_str(), &whole) == 0 && whole.st_mtime >= started) return {};  // it fitted one file
   const std::size_t name = output_path.rfind('/') == std::string::npos ? 0 : output_path.rfind('/') + 1;
   const std::size_t dot = output_path.rfind('.');
   const bool has_extension = dot != std::string::npos && dot > name;
@@ -57,8 +62,18 @@ std::vector<std::string> split_capture_parts(const std::string& output_path, std
     std::snprintf(suffix, sizeof suffix, "-%02d", number);
     const std::string part = stem + suffix + extension;
     struct stat info {};
-    if (stat(part.c_str(), &info) != 0) break;
-    if (number == 1 && info.st_mtime < started) break;  // left by an earlier capture
+    if (lstat(part.c_str(), &info) != 0 || info.st_mtime < started) break;  // missing, or an earlier capture's
+    auto refuse = [&part](const std::string& reason) {
+      return std::runtime_error("split capture part " + part + " refused: " + reason);
+    };
+    if (S_ISLNK(info.st_mode)) throw refuse("symbolic link");
+    const int fd = open(part.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) throw refuse(errno == ELOOP ? "symbolic link" : std::strerror(errno));
+    const bool checked = fstat(fd, &info) == 0;
+    close(fd);
+    if (!checked || !S_ISREG(info.st_mode)) throw refuse("not a regular file");
+    if (info.st_uid != geteuid()) throw refuse("owned by another user");
+    if (info.st_mtime < started) break;
     parts.push_back(part);
   }
   return parts;
@@ -108,15 +123,21 @@ CaptureRead read_capture(CaptureChild& child, char* buffer, std::size_t size,
                          std::optional<std::chrono::steady_clock::time_point> deadline) {
   CaptureRead result;
   while (child.fd >= 0 && result.bytes < size) {
+    int timeout = -1;
     if (deadline) {
       const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - std::chrono::steady_clock::now());
-      pollfd p{child.fd, POLLIN, 0};
-      const int ready = left.count() > 0 ? poll(&p, 1, static_cast<int>(left.count())) : 0;
-      if (ready < 0 && errno == EINTR) continue;
-      if (ready == 0) {
-        result.timed_out = true;
-        break;
-      }
+      timeout = static_cast<int>(std::max<int64_t>(left.count(), 0));
+    }
+    pollfd p[2] = {{child.fd, POLLIN, 0}, {child.wake_fd, POLLIN, 0}};
+    const int ready = poll(p, child.wake_fd >= 0 ? 2 : 1, timeout);
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready == 0) {
+      result.timed_out = true;
+      break;
+    }
+    if (child.wake_fd >= 0 && (p[1].revents & POLLIN) != 0) {
+      result.woken = true;
+      break;
     }
     const ssize_t n = read(child.fd, buffer + result.bytes, size - result.bytes);
     if (n < 0 && errno == EINTR) continue;
@@ -164,9 +185,12 @@ bool restart_capture(CaptureChild& child, int64_t chunks_since_start, Logger& lo
     logger.line("error: arecord restart limit reached; live direction status degraded");
     return false;
   }
-  // The same value as request and remainder: a signal resumes the rest.
-  timespec pause{kRestartPauseSeconds, 0};
-  while (nanosleep(&pause, &pause) == -1 && errno == EINTR) {
+  // The pause ends early only when the run is asked to stop.
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(kRestartPauseSeconds);
+  for (auto now = std::chrono::steady_clock::now(); now < until; now = std::chrono::steady_clock::now()) {
+    pollfd p{child.wake_fd, POLLIN, 0};
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - now);
+    if (poll(&p, 1, static_cast<int>(left.count())) > 0) return false;
   }
   if (!start_capture(child, logger)) return false;
   logger.line("restarted arecord for live mode attempt " + std::to_string(child.restart_attempts));

@@ -24,6 +24,9 @@ struct CaptureChild {
   // at once with this wait status, as a shell whose redirection failed (2).
   std::optional<int> refused_start_status;
   int32_t restart_attempts = 0;  // restarts since the child was last healthy
+  // Readable once the run is asked to stop: every wait (for data, the pause
+  // before a restart) also watches it and ends early. -1: none.
+  int wake_fd = -1;
 };
 
 // Raw wait status of a stopped child and its decoded exit code.
@@ -45,10 +48,14 @@ std::string build_capture_command(const std::string& device);
 std::string one_shot_capture_command(const std::string& device, int32_t seconds, const std::string& output_path);
 
 // arecord splits a WAV capture at 2 GiB into STEM-01.EXT, STEM-02.EXT, ...
-// (STEM.EXT being `output_path`) and writes nothing at `output_path`. The
-// parts of such a capture, in order as long as the next number exists, when
-// STEM-01.EXT was modified no earlier than `started` (the capture's start,
-// seconds since the epoch); none when the capture fitted one file.
+// (STEM.EXT being `output_path`) and writes nothing at `output_path`. A
+// folder may be shared, so a part counts only when this capture wrote it:
+// none when `output_path` itself was modified no earlier than `started` (the
+// capture's start, seconds since the epoch) or STEM-01.EXT was not; else the
+// parts in order up to the first number that is missing or older than
+// `started`. Throws "split capture part PATH refused: REASON" for a part
+// that is new enough but a symbolic link, not a regular file, or another
+// user's. Never follows a link, never waits on a FIFO.
 std::vector<std::string> split_capture_parts(const std::string& output_path, std::time_t started);
 
 // Starts a child running capture_command. The standard error file is opened
@@ -61,10 +68,12 @@ bool start_capture(CaptureChild& child, Logger& logger);
 struct CaptureRead {
   std::size_t bytes = 0;   // bytes placed in the buffer
   bool timed_out = false;  // the deadline came before the buffer was full
+  bool woken = false;      // wake_fd became readable before the buffer was full
 };
 
 // Reads until `size` bytes have arrived, the stream ends (a stopped or
-// never-started child) or, with a deadline, the deadline passes.
+// never-started child), wake_fd becomes readable or, with a deadline, the
+// deadline passes.
 CaptureRead read_capture(CaptureChild& child, char* buffer, std::size_t size,
                          std::optional<std::chrono::steady_clock::time_point> deadline);
 
@@ -78,7 +87,8 @@ int decode_exit_code(int raw_status);
 
 // Restart decision after a stop, continuous mode only. Resets the attempt
 // count after a healthy period, gives up after kMaxRestarts, otherwise
-// pauses kRestartPauseSeconds and starts a new child. True when restarted.
+// pauses kRestartPauseSeconds and starts a new child. True when restarted;
+// false at once, without a child, when wake_fd wakes the pause.
 bool restart_capture(CaptureChild& child, int64_t chunks_since_start, Logger& logger);
 
 }  // namespace sonderlark

@@ -1,6 +1,12 @@
 #include "live/live_mode.h"
 
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <csignal>
 #include <chrono>
 #include <cmath>
 #include <malloc.h>
@@ -31,6 +37,40 @@ void split_frames(const int32_t* interleaved, std::size_t frame_count, double* o
     out2[i] = scaled(interleaved[4 * i + 2]);
     out3[i] = scaled(interleaved[4 * i + 3]);
   }
+}
+
+// Stopping a run by signal. The first SIGINT, SIGTERM or SIGHUP is noted
+// and wakes the run's waits through a pipe; the run then ends as a finite
+// run ends on time. A second one ends the process at once.
+volatile std::sig_atomic_t g_stop_signal = 0;
+int g_wake_write = -1;
+
+extern "C" void on_stop_signal(int number) {
+  if (g_stop_signal != 0) {
+    std::signal(number, SIG_DFL);
+    std::raise(number);
+    return;
+  }
+  g_stop_signal = number;
+  const int saved = errno;
+  const char byte = 1;
+  if (write(g_wake_write, &byte, 1) < 0) {
+    // The pipe holds a byte already: the run is awake either way.
+  }
+  errno = saved;
+}
+
+// Installs the handlers; the read end of the wake pipe, or -1 without one.
+int catch_stop_signals() {
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) return -1;
+  g_wake_write = fds[1];
+  struct sigaction action {};
+  action.sa_handler = on_stop_signal;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaction(number, &action, nullptr);
+  return fds[0];
 }
 
 constexpr int kKeepHeapBytes = 64 << 20;        // the largest chunk's buffers, many times over
@@ -139,6 +179,7 @@ int run_live_mode(const Options& options, Logger& logger) {
   logger.line("live_chunk_frames: " + std::to_string(options.live_chunk_frames));
 
   LiveState state;
+  state.capture.wake_fd = catch_stop_signals();
   state.status_path = choose_status_path(options);
   logger.line("live_event_json: " + state.status_path);
   state.stderr_path = state.status_path + ".arecord.stderr";
@@ -162,7 +203,7 @@ int run_live_mode(const Options& options, Logger& logger) {
   // The child that ended the run, when it stopped before the end.
   CaptureStop last_stop;
 
-  while (true) {
+  while (g_stop_signal == 0) {
     if (finite) {
       const auto elapsed = std::chrono::duration_cast<std::chrono::nanoseconds>(
           std::chrono::steady_clock::now() - start);
@@ -170,17 +211,21 @@ int run_live_mode(const Options& options, Logger& logger) {
     }
     const CaptureRead read = read_capture(state.capture, reinterpret_cast<char*>(state.frame_buffer.data()),
                                           state.frame_buffer.size() * sizeof(int32_t), deadline);
-    if (read.timed_out) break;  // the run's time is up
+    if (read.timed_out || read.woken) break;  // the run's time is up, or it was asked to stop
     if (read.bytes > 0) {
       const std::size_t frames = read.bytes / (kLiveChannels * sizeof(int32_t));  // an incomplete frame is dropped
       if (frames > 0) process_chunk(state, options, frames, logger);
       continue;
     }
+    if (g_stop_signal != 0) break;  // the same signal may have ended the child
     last_stop = handle_stop(state, options, logger);
     if (finite) break;
     if (!restart_capture(state.capture, state.chunks_since_start, logger)) break;
     state.chunks_since_start = 0;
   }
+
+  const int stop_signal = g_stop_signal;
+  if (stop_signal != 0) logger.line("live stop requested by signal " + std::to_string(stop_signal));
 
   // Final pass. A child still running is stopped here; one that already
   // stopped hands on its own status.
@@ -196,9 +241,10 @@ int run_live_mode(const Options& options, Logger& logger) {
   logger.line("live low_confidence_chunks: " + std::to_string(state.low_confidence_chunks));
   logger.line("live speech_detected: " + flag(state.speech_seen));
 
-  if (state.chunks_processed > 0 && finite) {
+  // A run asked to stop ends as a finite run whose time is up.
+  if (state.chunks_processed > 0 && (finite || stop_signal != 0)) {
     write_status(state, options, false, false, "stopped", "", final_stop.exit_code, stderr_text);
-    logger.line("live clean finite-duration exit");
+    logger.line(finite ? "live clean finite-duration exit" : "live clean exit");
     return kExitOk;
   }
   const bool failed = final_stop.raw_status != 0;

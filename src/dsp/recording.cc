@@ -26,6 +26,7 @@ constexpr std::size_t kWindowSamples = 1 << 18;
 
 // Fallback searches run this many channels per two passes.
 constexpr std::size_t kSearchesPerPass = 16;
+constexpr std::size_t kMaxSearchPasses = 2;  // more searches per pass beyond 16 x 2 channels
 
 // A block of every channel with its neighbours: sample i of channel c at
 // at[c][i - origin], read for [lo, hi).
@@ -287,9 +288,13 @@ RecordingAnalysis analyse_recording(const WavSource& source, double gain_db, con
         wanted.push_back(c);
       }
     }
-    for (std::size_t first = 0; first < wanted.size(); first += kSearchesPerPass) {
+    // Every pass reads every channel, so a wide recording takes its
+    // searches in a bounded number of passes: the cost follows the data.
+    const std::size_t per_pass =
+        std::max(kSearchesPerPass, (wanted.size() + kMaxSearchPasses - 1) / kMaxSearchPasses);
+    for (std::size_t first = 0; first < wanted.size(); first += per_pass) {
       std::vector<PairSearch> searches;
-      for (std::size_t k = first; k < std::min(wanted.size(), first + kSearchesPerPass); ++k) {
+      for (std::size_t k = first; k < std::min(wanted.size(), first + per_pass); ++k) {
         searches.push_back(pair_search(0, wanted[k], kFallbackMaxLag, frames));
       }
       run_searches(searches, searches.size() / 2);

@@ -9,7 +9,8 @@
 #   make test-arm   cross build for ARCH (arm64 or armhf, default arm64) and its tests under qemu
 #   make bench-arm  the benchmarks of that build under qemu (emulated timings, not a board's)
 #   make compare-arch  aarch64 and armhf builds under qemu give the native build's bytes
-#   make package    .deb packages for this machine and arm64 in build-package/, checked by lintian
+#   make package    this machine's .deb in build-package/, checked by lintian;
+#                   ARCH="arm64 armhf" (a list) cross-builds those instead
 #   make test-package  install this machine's package with apt, use it, purge it (root)
 #   make install    PREFIX=/usr/local by default; make uninstall removes it again
 
@@ -51,7 +52,7 @@ compare-arch:
 	scripts/compare-arch
 
 package:
-	scripts/package
+	scripts/package $(if $(filter command line,$(origin ARCH)),$(ARCH))
 
 test-package: package
 	tests/package_test.sh build-package/sonderlark_*_$$(dpkg --print-architecture).deb

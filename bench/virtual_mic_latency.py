@@ -12,6 +12,10 @@ FIFO on a real-time schedule, each chunk one constant value of its own. The
 latency of a chunk is from its write to the read that completes it at the
 recorder (CLOCK_MONOTONIC). Median and maximum over the chunks after the
 first second.
+
+Every wait has a deadline: a recorder that ends at once, or never opens the
+source, fails its case instead of hanging the script; a recorder blocked
+writing to its pipe is ended by closing the pipe, then SIGKILL.
 """
 import os
 import select
@@ -25,6 +29,36 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 STACK = os.path.join(HERE, "..", "scripts", "pipewire-stack")
 CHUNK = 1024
+DEADLINE = 20.0  # seconds for any one wait: a server to come up, a reader to appear, a process to end
+
+
+def end_process(process, first_signal):
+    """Ends a child we started: the signal, then SIGKILL if it is still there."""
+    if process.poll() is None:
+        process.send_signal(first_signal)
+        try:
+            process.wait(timeout=DEADLINE)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.wait()
+
+
+def open_fifo_for_writing(fifo, recorder):
+    """Waits, with a deadline, until the source reads the FIFO; fails if the recorder ends first."""
+    limit = time.monotonic() + DEADLINE
+    while True:
+        try:
+            fd = os.open(fifo, os.O_WRONLY | os.O_NONBLOCK)
+            os.set_blocking(fd, True)
+            return fd
+        except OSError as e:
+            if e.errno not in (6, 2):  # ENXIO: no reader yet; ENOENT: not made yet
+                raise
+        if recorder.poll() is not None:
+            raise RuntimeError(f"the recorder ended with status {recorder.returncode} before the source read")
+        if time.monotonic() > limit:
+            raise RuntimeError(f"nothing read {fifo} within {DEADLINE:.0f} s")
+        time.sleep(0.05)
 
 PW_RECORD = ["pw-record", "--target", "sonderlark_mic", "--rate", "16000", "--channels", "1", "--format", "s16"]
 PARECORD = ["parecord", "--raw", "-d", "sonderlark_mic", "--rate=16000", "--channels=1", "--format=s16le"]
@@ -44,14 +78,14 @@ def start_server(kind, run, fifo):
     if kind.startswith("PipeWire"):
         tunnel = ["--pipe-tunnel", fifo] if kind == "PipeWire" else []
         out = subprocess.run([STACK, "start", os.path.join(run, "pw")] + tunnel,
-                             capture_output=True, text=True, check=True).stdout
+                             capture_output=True, text=True, check=True, timeout=DEADLINE).stdout
         env = dict(os.environ)
         env.pop("PULSE_SERVER", None)
         env.update(word.split("=", 1) for word in out.split())
         if not tunnel:
             subprocess.run(["pactl", "load-module", "module-pipe-source", "source_name=sonderlark_mic",
                             f"file={fifo}", "format=s16le", "rate=16000", "channels=1"],
-                           env=env, check=True, capture_output=True)
+                           env=env, check=True, capture_output=True, timeout=DEADLINE)
         return env, None
     env = dict(os.environ, XDG_RUNTIME_DIR=os.path.join(run, "run"), HOME=run)
     env.pop("PULSE_SERVER", None)
@@ -62,10 +96,12 @@ def start_server(kind, run, fifo):
                 "format=s16le rate=16000 channels=1\n")
     pulse = subprocess.Popen(["pulseaudio", "-n", "-F", os.path.join(run, "pa.pa"), "--exit-idle-time=-1",
                               "--daemonize=no"], env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    for _ in range(100):
+    limit = time.monotonic() + DEADLINE
+    while time.monotonic() < limit and pulse.poll() is None:
         if os.path.exists(fifo):
             return env, pulse
         time.sleep(0.1)
+    end_process(pulse, signal.SIGTERM)
     raise RuntimeError("pulseaudio did not come up")
 
 
@@ -75,8 +111,7 @@ def measure(kind, recorder, run, seconds):
     rec = None
     try:
         rec = subprocess.Popen(recorder, env=env, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-        time.sleep(1.0)
-        fd = os.open(fifo, os.O_WRONLY)
+        fd = open_fifo_for_writing(fifo, rec)
         chunks = int(seconds * 16000 / CHUNK)
         written = {}
         latencies = []
@@ -104,16 +139,17 @@ def measure(kind, recorder, run, seconds):
                 pending = pending[usable:]
         os.close(fd)
         settled = [l for v, l in latencies if v * CHUNK >= 16000]
+        if not settled:
+            raise RuntimeError(f"no chunk arrived whole (recorder status {rec.poll()})")
         return len(latencies), chunks, statistics.median(settled), max(settled)
     finally:
         if rec is not None:
-            rec.send_signal(signal.SIGINT)
-            rec.wait()
+            rec.stdout.close()  # a recorder blocked on a full pipe gets EPIPE, not a signal it ignores
+            end_process(rec, signal.SIGINT)
         if pulse is not None:
-            pulse.send_signal(signal.SIGTERM)
-            pulse.wait()
+            end_process(pulse, signal.SIGTERM)
         else:
-            subprocess.run([STACK, "stop", os.path.join(run, "pw")], check=False)
+            subprocess.run([STACK, "stop", os.path.join(run, "pw")], check=False, timeout=DEADLINE * 4)
 
 
 def main():
@@ -123,7 +159,11 @@ def main():
         for n, (kind, name, recorder) in enumerate(CASES):
             run = os.path.join(work, str(n))
             os.makedirs(run)
-            got, sent, median, worst = measure(kind, recorder, run, seconds)
+            try:
+                got, sent, median, worst = measure(kind, recorder, run, seconds)
+            except (RuntimeError, subprocess.SubprocessError) as e:
+                print(f"{kind:14} {name:28} failed: {e}")
+                continue
             print(f"{kind:14} {name:28} median {median * 1000:6.1f} ms, max {worst * 1000:6.1f} ms "
                   f"({got} of {sent} chunks complete)")
     finally:

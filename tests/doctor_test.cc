@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <functional>
 #include <regex>
+#include <set>
+#include <nlohmann/json.hpp>
 #include <tuple>
 
 #include "cli/doctor.h"
@@ -45,11 +47,12 @@ std::string simulate(const test::TempDir& tmp, const std::string& input, std::ve
 }
 
 // Runs the doctor against the ALSA configuration under `tmp`, with `input`
-// on standard input; the PCM and status paths default to files in `tmp`.
+// on standard input; the status path defaults to a file in `tmp`, and no
+// virtual microphone is set up unless `args` name one.
 test::RunResult doctor(const test::TempDir& tmp, std::vector<std::string> args, const std::string& input = "",
                        Env env = {}) {
   std::vector<std::string> argv = {"sh", "-c", "printf '%s' \"$0\" | \"$@\"", input, doctor_path(), "--seconds", "2",
-                                   "--pcm-output", tmp.path("mic.pcm"), "--event-output", tmp.path("status.json")};
+                                   "--event-output", tmp.path("status.json")};
   argv.insert(argv.end(), args.begin(), args.end());
   env.merge(test::alsa_env(tmp.path("config")));
   return test::run(argv, env);
@@ -60,6 +63,7 @@ struct DoctorCase {
   std::vector<std::string> sim;  // sonderlark-sim options; empty: the case sets the device up itself
   std::string states;            // of device, channels, gain, channel order
   std::string detail;            // a line of the answer
+  std::string advice = "";       // what the answer advises for this fault
 };
 
 void PrintTo(const DoctorCase& c, std::ostream* os) { *os << c.name; }
@@ -106,9 +110,58 @@ TEST_P(Doctor, FindsWhatIsWrongWithTheArray) {
 
   args.push_back("--json");
   const test::RunResult r = doctor(tmp, args, input);
-  EXPECT_EQ(r.exit_code, 1) << r.out << r.err;  // no virtual microphone here, at least
-  EXPECT_EQ(test::doctor_states(r.out), c.states + " virtual_microphone=problem live_status=skipped") << r.out;
+  // No sound server and no live run here: no virtual microphone is set up,
+  // and an array without faults passes, as for one-shot use.
+  EXPECT_EQ(r.exit_code, c.states.find("problem") == std::string::npos ? 0 : 1) << r.out << r.err;
+  EXPECT_EQ(test::doctor_states(r.out), c.states + " virtual_microphone=skipped live_status=skipped") << r.out;
   EXPECT_NE(r.out.find(c.detail), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find(c.advice), std::string::npos) << r.out;
+  const nlohmann::json answer = nlohmann::json::parse(r.out);
+  if (c.states.starts_with("device=ok channels=")) {
+    // The figures as numbers: one record per channel.
+    const nlohmann::json& channels = answer["checks"][1]["channels"];
+    ASSERT_EQ(channels.size(), 4u) << r.out;
+    for (const auto& channel : channels) {
+      for (const char* key : {"level_dbfs", "peak_dbfs", "noise_floor_dbfs", "dc_offset"}) {
+        EXPECT_TRUE(channel[key].is_number_float()) << key;
+      }
+      EXPECT_TRUE(channel["clipped_samples"].is_number_integer());
+    }
+  }
+  if (c.name == "swapped_channels") {
+    // The route device the answer gives puts every frame back in order,
+    // recorded through the real arecord: each frame of the recording is a
+    // frame of the device with channels 1 and 2 exchanged. (Through a route
+    // over a file device, blocks of frames may come in another order.)
+    std::string definition;
+    for (const auto& detail : answer["checks"][3]["details"]) {
+      const std::string text = detail;
+      if (text.find("pcm.sonderlark_ordered") != std::string::npos) definition = text.substr(text.find("pcm."));
+    }
+    ASSERT_EQ(definition, "pcm.sonderlark_ordered { type route slave.pcm \"sonderlark_array\" slave.channels 4 "
+                          "ttable.0.0 1 ttable.1.2 1 ttable.2.1 1 ttable.3.3 1 }");
+    test::write_file(tmp.path("config/alsa/asoundrc"), test::read_file(tmp.path("config/alsa/asoundrc")) + definition + "\n");
+    const std::string frames = test::read_file(tmp.path("frames.raw"));
+    const std::size_t count = frames.size() / 16;
+    const test::RunResult rec = test::run({"arecord", "-q", "-D", "sonderlark_ordered", "-f", "S32_LE", "-r", "16000",
+                                           "-c", "4", "-t", "raw", "-s", std::to_string(count), tmp.path("fixed.raw")},
+                                          test::alsa_env(tmp.path("config")));
+    ASSERT_EQ(rec.exit_code, 0) << rec.err;
+    std::set<std::string> restored;
+    std::size_t distinct_pairs = 0;  // frames whose channels 1 and 2 differ: the ones a swap changes
+    for (std::size_t f = 0; f < count; ++f) {
+      std::string frame = frames.substr(f * 16, 16);
+      distinct_pairs += frame.compare(4, 4, frame, 8, 4) != 0;
+      std::swap_ranges(frame.begin() + 4, frame.begin() + 8, frame.begin() + 8);
+      restored.insert(frame);
+    }
+    ASSERT_GT(distinct_pairs, count / 4);
+    const std::string got = test::read_file(tmp.path("fixed.raw"));
+    ASSERT_EQ(got.size(), count * 16);
+    std::size_t unrestored = 0;
+    for (std::size_t f = 0; f < count; ++f) unrestored += restored.count(got.substr(f * 16, 16)) == 0;
+    EXPECT_EQ(unrestored, 0u);
+  }
   if (c.name == "dead_channel") {
     // The text answer, whole.
     args.pop_back();
@@ -125,17 +178,21 @@ INSTANTIATE_TEST_SUITE_P(
         DoctorCase{"all_fine", {"--seed", "3"}, "device=ok channels=ok gain=ok channel_order=skipped",
                    "use --input-gain-db 3: the loudest peak, -9.6 dBFS"},
         DoctorCase{"dead_channel", {"--dead-channel", "2"}, "device=ok channels=problem gain=ok channel_order=skipped",
-                   "channel 2 is dead (level -120.0 dBFS)"},
+                   "channel 2 is dead (level -120.0 dBFS)",
+                   "Dead channel 2: reseat the array's USB plug and any cable inside it to microphone 2"},
         DoctorCase{"clipping_channel", {"--channel-gain-db", "1:30"},
-                   "device=ok channels=problem gain=ok channel_order=skipped", "channel 1 is clipping ("},
+                   "device=ok channels=problem gain=problem channel_order=skipped", "channel 1 is clipping (",
+                   "the array clips at the converter (loudest peak 0.0 dBFS): no --input-gain-db undoes that"},
         DoctorCase{"noisy_channel", {"--channel-noise-rms", "3:0.01"},
                    "device=ok channels=problem gain=ok channel_order=skipped",
-                   "channel 3 is much noisier than the others (noise floor 19."},
+                   "channel 3 is much noisier than the others (noise floor 19.",
+                   "Noisy: move the array away from power supplies"},
         DoctorCase{"quiet_channel", {"--channel-gain-db", "0:-15"},
                    "device=ok channels=problem gain=ok channel_order=skipped",
-                   "channel 0 is far quieter than the others (15.0 dB below them"},
+                   "channel 0 is far quieter than the others (15.0 dB below them",
+                   "Quiet: uncover the microphone's opening"},
         DoctorCase{"swapped_channels", {}, "device=ok channels=ok gain=ok channel_order=problem",
-                   "channels 1 and 2 look swapped"},
+                   "channels 1 and 2 look swapped", "record through that device: --device sonderlark_ordered"},
         DoctorCase{"missing_device", {}, "device=problem channels=skipped gain=skipped channel_order=skipped",
                    "no capture device no_such_device"},
         DoctorCase{"two_channel_device", {}, "device=problem channels=skipped gain=skipped channel_order=skipped",
@@ -202,6 +259,52 @@ TEST(DoctorStatus, FreshStaleTornAndMissing) {
     EXPECT_EQ(r.exit_code, 1);  // the device, at least
     EXPECT_TRUE(test::doctor_states(r.out).ends_with(" live_status=" + state)) << r.out;
     EXPECT_NE(r.out.find(message), std::string::npos) << r.out;
+  }
+}
+
+// Where the doctor looks for the virtual microphone, and what it says of it,
+// from what `pactl list modules short` prints.
+TEST(DoctorSetUp, FindsTheVirtualMicrophoneTheUserSetUp) {
+  const std::string runtime = "/run/user/1000/sonderlark-beamformed-mic.pcm";
+  const std::string on_runtime = "7\tmodule-pipe-source\tsource_name=sonderlark_mic file=" + runtime +
+                                 " format=s16le rate=16000 channels=1\t\n";
+  const std::string elsewhere = "3\tmodule-null-sink\tsink_name=x\t\n8\tmodule-pipe-source\tfile=/srv/mic.pcm "
+                                "format=s16le rate=16000 channels=1\t\n";
+  DoctorOptions asked;
+  asked.pcm_path = "/home/u/mic.pcm";
+  DoctorOptions wanted;
+  wanted.virtual_mic = true;
+  struct Row {
+    std::string name;
+    DoctorOptions options;
+    std::string status_pcm;
+    bool server;
+    std::string modules;
+    std::string path;   // found
+    std::string state;  // of the check
+    std::string text;   // in its message or advice
+  };
+  const Row rows[] = {
+      {"source on the runtime path", {}, "", true, elsewhere + on_runtime, runtime, "problem",
+       "of the loaded pipe source"},
+      {"another source only", {}, "", true, elsewhere, "/srv/mic.pcm", "problem", "/srv/mic.pcm"},
+      {"the live run's path first", {}, "/srv/live.pcm", true, on_runtime, "/srv/live.pcm", "problem",
+       "no module-pipe-source is loaded for /srv/live.pcm"},
+      {"--pcm-output first", asked, "/srv/live.pcm", true, on_runtime, "/home/u/mic.pcm", "problem",
+       "load one in your private runtime folder"},
+      {"none set up", {}, "", true, "", "", "skipped", "one-shot use needs none"},
+      {"no server, none set up", {}, "", false, "", "", "skipped", "no sound server answers pactl: one-shot"},
+      {"no server, one asked for", wanted, "", false, "", runtime, "problem", "start a sound server"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const MicSetup setup = find_mic_setup(row.options, row.status_pcm, row.modules, runtime);
+    EXPECT_EQ(setup.pcm_path, row.path);
+    const Check c = virtual_mic_check(setup, row.server, row.modules, {}, runtime);
+    EXPECT_EQ(c.state, row.state);
+    std::string all = c.message + "\n" + c.advice;
+    for (const std::string& d : c.details) all += "\n" + d;
+    EXPECT_NE(all.find(row.text), std::string::npos) << all;
   }
 }
 

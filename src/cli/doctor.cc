@@ -77,6 +77,13 @@ std::string load_module_line(const std::string& pcm_path) {
          " format=s16le rate=16000 channels=1";
 }
 
+// The PCM path to advise: in the private runtime folder when there is one.
+std::string private_pcm_path() {
+  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+  if (runtime != nullptr && *runtime != '\0') return std::string(runtime) + "/sonderlark-beamformed-mic.pcm";
+  return Options{}.pcm_output_path;
+}
+
 // The value of `key=` in a module's argument text, quotes removed.
 std::string module_argument(const std::string& args, const std::string& key) {
   const std::size_t at = args.find(key + "=");
@@ -104,11 +111,14 @@ std::string card_prefix(const std::string& device) {
 
 void print_doctor_usage(const char* program) {
   std::cout << "Usage: " << program
-            << " [--device NAME] [--seconds N] [--tap] [--pcm-output PATH] [--event-output PATH] [--json]\n"
+            << " [--device NAME] [--seconds N] [--tap] [--pcm-output PATH] [--virtual-mic] [--event-output PATH]"
+               " [--json]\n"
             << "  --device NAME      ALSA capture device. Default: hw:1,0.\n"
             << "  --seconds N        Length of the channel recording, 1 to 60 s. Default: 5.\n"
             << "  --tap              Also check the channel order: tap microphone 0, 1, 2 and 3 in turn.\n"
-            << "  --pcm-output PATH  Virtual microphone FIFO. Default: /tmp/sonderlark-beamformed-mic.pcm.\n"
+            << "  --pcm-output PATH  Virtual microphone FIFO. Default: the one the live status file names,\n"
+            << "                     else the loaded pipe source's; none: the check is skipped.\n"
+            << "  --virtual-mic      A virtual microphone is wanted: check one even if none is set up.\n"
             << "  --event-output PATH  Live status file. Default: the live mode's own default.\n"
             << "  --json             Print one JSON object instead of text.\n"
             << "Exit status: 0 every check passed, 1 problems found, 2 refused command line.\n";
@@ -147,6 +157,8 @@ bool parse_doctor_args(int argc, char** argv, DoctorOptions& options, std::strin
       options.seconds = static_cast<int32_t>(n);
     } else if (arg == "--tap") {
       options.tap = true;
+    } else if (arg == "--virtual-mic") {
+      options.virtual_mic = true;
     } else if (arg == "--json") {
       options.json = true;
     } else {
@@ -222,28 +234,42 @@ Check channels_check(const WavData& recording) {
     floors.push_back(x.floor_dbfs);
   }
   Check c{"channels", "ok", "", {}, ""};
+  c.channels = m;
   std::vector<std::string> findings;
+  std::vector<std::string> advice;  // one sentence per kind of fault, in the order first found
+  auto advise = [&advice](const std::string& sentence) {
+    if (std::find(advice.begin(), advice.end(), sentence) == advice.end()) advice.push_back(sentence);
+  };
   for (std::size_t ch = 0; ch < m.size(); ++ch) {
     const std::string name = "channel " + std::to_string(ch);
     const bool dead = d.rms[ch] < kSilenceRmsThreshold || d.peak[ch] < kSilencePeakThreshold;
     if (dead) {
       findings.push_back(name + " is dead (level " + db(m[ch].level_dbfs) + " dBFS): its microphone hears nothing; "
                          "check the array's cable and firmware, or the microphone itself");
+      advise("Dead " + name + ": reseat the array's USB plug and any cable inside it to microphone " +
+             std::to_string(ch) + ", try another port, then look at the microphone itself.");
       continue;
     }
     if (d.peak[ch] >= kClippingPeakThreshold) {
       findings.push_back(name + " is clipping (" + std::to_string(m[ch].clipped) +
                          " samples at full scale): the sound is too loud for it, so its shape is lost");
+      advise("Clipping: lower the capture level on the card with its mixer (alsamixer, F6 for the card, F4 for "
+             "capture; or amixer -c CARD sset Capture 70%) or move the sound away; no --input-gain-db undoes "
+             "clipping at the converter.");
     }
     const double floor_over = m[ch].floor_dbfs - median_without(floors, ch);
     if (m.size() > 1 && floor_over >= 10.0) {
       findings.push_back(name + " is much noisier than the others (noise floor " + db(floor_over) +
                          " dB above theirs): a failing microphone or electrical interference");
+      advise("Noisy: move the array away from power supplies, fans and chargers, try another USB port or a "
+             "powered hub; a channel that stays noisy has a failing microphone.");
     }
     const double level_under = median_without(levels, ch) - m[ch].level_dbfs;
     if (m.size() > 1 && level_under >= 12.0) {
       findings.push_back(name + " is far quieter than the others (" + db(level_under) +
                          " dB below them with the same sound): a covered, blocked or failing microphone");
+      advise("Quiet: uncover the microphone's opening (tape, dust, a case or a hand), then run again; a channel "
+             "that stays quiet has a failing microphone.");
     }
   }
   if (findings.empty()) {
@@ -253,7 +279,8 @@ Check channels_check(const WavData& recording) {
     c.message = findings[0].substr(0, findings[0].find_first_of("(:") - 1);
     if (findings.size() > 1) c.message += " (and " + std::to_string(findings.size() - 1) + " more)";
     c.details = findings;
-    c.advice = "direction estimates are not to be trusted until every channel hears the sound alike";
+    for (const std::string& sentence : advice) c.advice += (c.advice.empty() ? "" : " ") + sentence;
+    c.advice += " Until every channel hears the sound alike, directions are not to be trusted.";
   }
   for (std::size_t ch = 0; ch < m.size(); ++ch) {
     c.details.push_back("channel " + std::to_string(ch) + ": level " + db(m[ch].level_dbfs) + " dBFS, peak " +
@@ -275,13 +302,31 @@ Check gain_check(const WavData& recording) {
     c.advice = "speak or play sound near the array while the doctor records, then run it again";
     return c;
   }
+  if (peak >= kClippingPeakThreshold) {
+    c.state = "problem";
+    c.message = "the array clips at the converter (loudest peak " + db(level_dbfs(peak)) +
+                " dBFS): no --input-gain-db undoes that";
+    c.advice = "lower the capture level on the card with its mixer (alsamixer or amixer -c CARD sset Capture 70%), "
+               "then run the doctor again for a gain";
+    return c;
+  }
   const double gain = std::clamp(std::floor(-6.0 - level_dbfs(peak)), -60.0, 36.0);
   c.message = "use --input-gain-db " + fixed(gain, 0) + ": the loudest peak, " + db(level_dbfs(peak)) +
               " dBFS, then sits at " + db(level_dbfs(peak) + gain) + " dBFS";
   return c;
 }
 
-Check tap_check(const WavData& recording, double tap_seconds) {
+std::string route_definition(const std::string& name, const std::string& device, const std::vector<int>& order) {
+  std::string text = "pcm." + name + " { type route slave.pcm \"" + device + "\" slave.channels " +
+                     std::to_string(order.size());
+  // Client channel m takes the slave channel microphone m arrives on.
+  for (std::size_t m = 0; m < order.size(); ++m) {
+    text += " ttable." + std::to_string(m) + "." + std::to_string(order[m]) + " 1";
+  }
+  return text + " }";
+}
+
+Check tap_check(const WavData& recording, double tap_seconds, const std::string& device) {
   Check c{"channel order", "ok", "", {}, ""};
   const auto window = static_cast<std::size_t>(tap_seconds * recording.sample_rate);
   std::vector<int> found;  // per tap, the channel it reached first and loudest; -1 unclear
@@ -342,45 +387,92 @@ Check tap_check(const WavData& recording, double tap_seconds) {
     }
   }
   c.details.insert(c.details.begin(), swaps.begin(), swaps.end());
-  c.advice = order.find('?') != std::string::npos
-                 ? "tap each microphone once, firmly, in its window, in a quiet room, and run again"
-                 : "fix the channel order in the array's wiring or firmware; until then directions are mirrored or wrong";
+  std::vector<int> sorted = found;
+  std::sort(sorted.begin(), sorted.end());
+  if (sorted != std::vector<int>{0, 1, 2, 3}) {
+    c.advice = "tap each microphone once, firmly, in its window, in a quiet room, and run again";
+    return c;
+  }
+  c.details.push_back("an ALSA device that puts the channels back in order (add the line to ~/.asoundrc): " +
+                      route_definition("sonderlark_ordered", device, found));
+  c.advice = "until the wiring or firmware is fixed, record through that device: --device sonderlark_ordered "
+             "(sonderlark and this doctor alike); without it directions are mirrored or wrong";
   return c;
 }
 
-Check virtual_mic_check(const std::string& pcm_path, const std::string& modules,
-                        const std::vector<std::string>& readers) {
+MicSetup find_mic_setup(const DoctorOptions& options, const std::string& status_pcm, const std::string& modules,
+                        const std::string& runtime_default) {
+  if (!options.pcm_path.empty()) return {options.pcm_path, "given with --pcm-output"};
+  if (!status_pcm.empty()) return {status_pcm, "named by the live status file"};
+  std::vector<std::string> loaded;
+  std::istringstream lines(modules);
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream fields(line);
+    std::string index, name, args;
+    std::getline(fields, index, '\t');
+    std::getline(fields, name, '\t');
+    std::getline(fields, args, '\t');
+    if (name == "module-pipe-source" && !module_argument(args, "file").empty()) {
+      loaded.push_back(module_argument(args, "file"));
+    }
+  }
+  if (std::find(loaded.begin(), loaded.end(), runtime_default) != loaded.end()) {
+    return {runtime_default, "of the loaded pipe source"};
+  }
+  if (!loaded.empty()) return {loaded.front(), "of the loaded pipe source"};
+  if (options.virtual_mic) return {runtime_default, "asked for with --virtual-mic"};
+  return {};
+}
+
+Check virtual_mic_check(const MicSetup& setup, bool server_answered, const std::string& modules,
+                        const std::vector<std::string>& readers, const std::string& runtime_default) {
   Check c{"virtual microphone", "ok", "", {}, ""};
+  const std::string load_private = load_module_line(runtime_default) + ", then run live mode with --pcm-output " +
+                                   shell_quote(runtime_default);
+  if (setup.pcm_path.empty()) {
+    c.state = "skipped";
+    c.message = server_answered ? "none is set up (no pipe source loaded, no live run names one): one-shot use "
+                                  "needs none"
+                                : "none is set up and no sound server answers pactl: one-shot use needs none";
+    c.details.push_back("for one, in your private runtime folder: " + load_private);
+    return c;
+  }
+  const std::string& pcm_path = setup.pcm_path;
   struct stat st {};
-  std::string owner;
   if (lstat(pcm_path.c_str(), &st) == 0) {
     const passwd* pw = getpwuid(st.st_uid);
-    owner = pw != nullptr ? pw->pw_name : std::to_string(st.st_uid);
-    c.details.push_back(pcm_path + ": " + (S_ISFIFO(st.st_mode) ? "a FIFO" : "not a FIFO") + ", owned by " + owner);
+    const std::string owner = pw != nullptr ? pw->pw_name : std::to_string(st.st_uid);
+    c.details.push_back(pcm_path + " (" + setup.found + "): " + (S_ISFIFO(st.st_mode) ? "a FIFO" : "not a FIFO") +
+                        ", owned by " + owner);
   } else {
-    c.details.push_back(pcm_path + " does not exist");
+    c.details.push_back(pcm_path + " (" + setup.found + ") does not exist");
+  }
+  for (const std::string& r : readers) c.details.push_back("held open by " + r);
+  if (!server_answered) {
+    c.state = "problem";
+    c.message = "no sound server answers pactl, so nothing reads " + pcm_path;
+    c.advice = "start a sound server (systemctl --user start pipewire pipewire-pulse wireplumber, or pulseaudio "
+               "--start), then load the pipe source: " + load_private;
+    return c;
   }
   // The pipe source for this path, if one is loaded.
   std::string index, args;
   std::istringstream lines(modules);
   for (std::string line; std::getline(lines, line);) {
     std::istringstream fields(line);
-    std::string idx, name;
+    std::string idx, name, rest;
     std::getline(fields, idx, '\t');
     std::getline(fields, name, '\t');
-    std::string rest;
     std::getline(fields, rest, '\t');
     if (name == "module-pipe-source" && module_argument(rest, "file") == pcm_path) {
       index = idx;
       args = rest;
     }
   }
-  for (const std::string& r : readers) c.details.push_back("held open by " + r);
-  if (modules.empty()) c.details.push_back("no PulseAudio or PipeWire server answered pactl");
   if (index.empty()) {
     c.state = "problem";
     c.message = "no module-pipe-source is loaded for " + pcm_path;
-    c.advice = "load it (it makes the FIFO itself; remove anything at the path first): " + load_module_line(pcm_path);
+    c.advice = "load one in your private runtime folder (it makes the FIFO itself): " + load_private;
     return c;
   }
   const std::string format = module_argument(args, "format"), rate = module_argument(args, "rate");
@@ -394,9 +486,12 @@ Check virtual_mic_check(const std::string& pcm_path, const std::string& modules,
   } else if (!S_ISFIFO(st.st_mode) || (st.st_uid != geteuid() && st.st_uid != 0)) {
     c.state = "problem";
     c.message = pcm_path + " is not a FIFO of yours";
-    c.advice = "unload the module, remove the path, and load the module again";
+    c.advice = "unload the module, remove the path, and load it again in your private runtime folder: " + load_private;
   } else {
     c.message = pcm_path + " feeds module-pipe-source " + index + " (s16le, 16000 Hz, mono)";
+    if (pcm_path.starts_with("/tmp/")) {
+      c.details.push_back("/tmp is open to every local user: a private runtime folder keeps the audio yours");
+    }
   }
   return c;
 }
@@ -425,7 +520,7 @@ Check status_check(const std::string& status_path, double now) {
   const double age = now - static_cast<double>(record.time);
   c.details = {"status " + record.status + ", written " + fixed(age, 0) + " s ago, " +
                std::to_string(record.chunks_processed) + " chunks, device " + record.device};
-  if (record.status == "running" && age > 5.0) {
+  if (state == RecordState::kStale) {
     c.state = "problem";
     c.message = "the last record says running but is " + fixed(age, 0) + " s old: the live run died or stalled";
     c.advice = "look at its log (journalctl --user -u sonderlark-live -e) and start it again";
@@ -482,8 +577,19 @@ std::string doctor_json(const std::string& device, const std::vector<Check>& che
   j["checks"] = nlohmann::ordered_json::array();
   int counts[3] = {0, 0, 0};
   for (const Check& c : checks) {
-    j["checks"].push_back(
-        {{"name", c.name}, {"state", c.state}, {"message", c.message}, {"details", c.details}, {"advice", c.advice}});
+    nlohmann::ordered_json check = {
+        {"name", c.name}, {"state", c.state}, {"message", c.message}, {"details", c.details}, {"advice", c.advice}};
+    if (!c.channels.empty()) {
+      check["channels"] = nlohmann::ordered_json::array();
+      for (const ChannelMeasure& m : c.channels) {
+        check["channels"].push_back({{"level_dbfs", m.level_dbfs},
+                                     {"peak_dbfs", m.peak_dbfs},
+                                     {"noise_floor_dbfs", m.floor_dbfs},
+                                     {"clipped_samples", m.clipped},
+                                     {"dc_offset", m.dc_offset}});
+      }
+    }
+    j["checks"].push_back(check);
     ++counts[c.state == "ok" ? 0 : c.state == "problem" ? 1 : 2];
   }
   j["ok"] = counts[0];
@@ -525,7 +631,6 @@ int run_doctor(int argc, char** argv) {
     print_doctor_usage(program);
     return help ? 0 : 2;
   }
-  if (options.pcm_path.empty()) options.pcm_path = Options{}.pcm_output_path;
   if (options.status_path.empty()) options.status_path = choose_status_path(Options{});
 
   std::vector<Check> checks;
@@ -584,7 +689,7 @@ int run_doctor(int argc, char** argv) {
       });
       try {
         if (code != 0) throw std::runtime_error("arecord exited with status " + std::to_string(code));
-        checks.push_back(tap_check(read_wav(wav), kTapSeconds));
+        checks.push_back(tap_check(read_wav(wav), kTapSeconds, options.device));
       } catch (const std::exception& e) {
         checks.push_back({"channel order", "problem", std::string("no recording: ") + e.what(), {}, ""});
       }
@@ -594,8 +699,16 @@ int run_doctor(int argc, char** argv) {
 
   const auto [pactl_code, modules] = on_path("pactl") ? run_command("timeout 10 pactl list modules short")
                                                        : std::pair<int, std::string>{-1, ""};
-  checks.push_back(virtual_mic_check(options.pcm_path, pactl_code == 0 ? modules : "",
-                                     processes_holding(options.pcm_path)));
+  StatusRecord live_record;
+  const RecordState live_state = read_status_record(options.status_path, wall_clock_seconds(), live_record);
+  const bool have_record = live_state == RecordState::kFresh || live_state == RecordState::kStale;
+  const std::string runtime_default = private_pcm_path();
+  const MicSetup setup = find_mic_setup(options, have_record ? live_record.pcm_output : "",
+                                        pactl_code == 0 ? modules : "", runtime_default);
+  checks.push_back(virtual_mic_check(setup, pactl_code == 0, pactl_code == 0 ? modules : "",
+                                     setup.pcm_path.empty() ? std::vector<std::string>{}
+                                                            : processes_holding(setup.pcm_path),
+                                     runtime_default));
   checks.push_back(status_check(options.status_path, wall_clock_seconds()));
 
   std::cout << (options.json ? doctor_json(options.device, checks) : doctor_text(checks));

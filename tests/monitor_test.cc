@@ -49,9 +49,10 @@ void write_record(const std::string& path, const std::string& status, const std:
 struct OnceCase {
   std::string name;
   int exit_code;
+  std::string size = "";  // --size; empty: not given (standard output is no terminal here: 80x24)
 };
 
-void PrintTo(const OnceCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const OnceCase& c, std::ostream* os) { *os << c.name << c.size; }
 
 class MonitorOnce : public testing::TestWithParam<OnceCase> {};
 
@@ -70,19 +71,29 @@ TEST_P(MonitorOnce, FrameMatchesGolden) {
     write_record(path, "running", "", -1, "");
     test::write_file(path, test::read_file(path).substr(0, 300));
   }
-  const test::RunResult r = test::run({monitor_path(), "--once", path});
+  std::vector<std::string> argv = {monitor_path(), "--once", path};
+  if (!c.size.empty()) argv.insert(argv.end(), {"--size", c.size});
+  const test::RunResult r = test::run(argv);
   EXPECT_EQ(r.exit_code, c.exit_code);
   std::string out = std::regex_replace(r.out, std::regex(path), "STATUS");
   out = std::regex_replace(out, std::regex("at 20[0-9-]{8}T[0-9:]{8}Z"), "at TIMESTAMP");
-  const std::string golden = test::source_path("tests/golden/monitor_" + c.name + ".txt");
+  const std::string golden =
+      test::source_path("tests/golden/monitor_" + c.name + (c.size.empty() ? "" : "_" + c.size) + ".txt");
   if (std::getenv("SONDERLARK_UPDATE_GOLDEN") != nullptr) test::write_file(golden, out);  // then read them over
   EXPECT_EQ(out, test::read_file(golden)) << out;
 }
 
 INSTANTIATE_TEST_SUITE_P(Records, MonitorOnce,
                          testing::Values(OnceCase{"running", 0}, OnceCase{"restarting", 0}, OnceCase{"degraded", 0},
-                                         OnceCase{"stale", 1}, OnceCase{"torn", 1}, OnceCase{"missing", 1}),
-                         [](const auto& info) { return info.param.name; });
+                                         OnceCase{"stale", 1}, OnceCase{"torn", 1}, OnceCase{"missing", 1},
+                                         // The layouts: compact, full at its smallest and widest, too small.
+                                         OnceCase{"running", 0, "40x12"}, OnceCase{"restarting", 0, "40x12"},
+                                         OnceCase{"stale", 1, "40x12"}, OnceCase{"running", 0, "80x24"},
+                                         OnceCase{"restarting", 0, "80x24"}, OnceCase{"running", 0, "200x60"},
+                                         OnceCase{"running", 0, "39x12"}, OnceCase{"running", 0, "80x11"}),
+                         [](const auto& info) {
+                           return info.param.name + (info.param.size.empty() ? "" : "_" + info.param.size);
+                         });
 
 // Status paths that are no status record: each program answers at once with
 // status 1 and says why, instead of waiting on a FIFO or reading without end.
@@ -237,6 +248,25 @@ TEST(MonitorInTmux, FollowsALiveRunAndFlagsItsDeath) {
   EXPECT_NE(tmux.screen().find("status: running"), std::string::npos);
   kill(tool, SIGTERM);
   test::wait_child(tool);
+}
+
+// A 40x12 terminal gets the compact layout, with nothing cut that matters.
+TEST(MonitorInTmux, CompactLayoutInASmallTerminal) {
+  test::TempDir tmp;
+  write_record(tmp.path("status.json"), "stopped", "", 0, "");
+  Tmux tmux(tmp.path("tmux.sock"));
+  ASSERT_EQ(test::run({"tmux", "-S", tmux.socket, "new-session", "-d", "-x", "40", "-y", "12", monitor_path(),
+                       tmp.path("status.json")})
+                .exit_code,
+            0);
+  EXPECT_GE(wait_for([&] { return tmux.screen().find("speech yes  PCM not connected") != std::string::npos; }, 20.0),
+            0.0)
+      << tmux.screen();
+  const std::string screen = tmux.screen();
+  for (const char* shown : {"stopped  chunks 4321", "direction: 48.59 degrees", "confidence 0.270 (low)", "ch0  -20.0 [",
+                            "ch3   -inf ["}) {
+    EXPECT_NE(screen.find(shown), std::string::npos) << shown << "\n" << screen;
+  }
 }
 
 // q and Ctrl-C both end the view and leave the terminal's modes as they were.

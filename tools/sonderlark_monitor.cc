@@ -2,8 +2,11 @@
 // file (read only, never written).
 #include <curses.h>
 #include <signal.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <iostream>
@@ -19,11 +22,13 @@ using sonderlark::FrameLine;
 using sonderlark::LineStyle;
 
 void usage(const char* program) {
-  std::cout << "Usage: " << program << " [STATUS_PATH] [--interval MS] [--once] [--no-color]\n"
+  std::cout << "Usage: " << program << " [STATUS_PATH] [--interval MS] [--once] [--size COLSxROWS] [--no-color]\n"
             << "  STATUS_PATH      Live status file. Default: the live mode's own default status path.\n"
             << "  --interval MS    Redraw every MS milliseconds, 10 to 10000. Default: 100.\n"
             << "  --once           Print one frame as plain text and exit: 0 for a fresh record, 1 when the\n"
             << "                   file is missing, not a complete record, or stale.\n"
+            << "  --size COLSxROWS With --once: the frame for a terminal of this size. Default: this\n"
+            << "                   terminal's size, or 80x24 when the output is not a terminal.\n"
             << "  --no-color       Draw without colours.\n"
             << "Keys: q quits (so does Ctrl-C).\n";
 }
@@ -73,7 +78,7 @@ int watch(const std::string& path, int interval_ms, bool color) {
   while (!stop_requested) {
     sonderlark::StatusRecord record;
     const sonderlark::RecordState state = sonderlark::read_status_record(path, sonderlark::wall_clock_seconds(), record);
-    const auto lines = sonderlark::monitor_frame(path, state, record, memory, steady_seconds());
+    const auto lines = sonderlark::monitor_frame(path, state, record, memory, steady_seconds(), {COLS, LINES});
     erase();
     int row = 0;
     for (const FrameLine& line : lines) {
@@ -101,6 +106,11 @@ int main(int argc, char** argv) {
   int interval_ms = 100;
   bool once = false;
   bool color = true;
+  sonderlark::ScreenSize size;
+  winsize terminal{};
+  if (isatty(STDOUT_FILENO) && ioctl(STDOUT_FILENO, TIOCGWINSZ, &terminal) == 0 && terminal.ws_col > 0) {
+    size = {terminal.ws_col, terminal.ws_row};
+  }
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--help" || arg == "-h") {
@@ -119,6 +129,17 @@ int main(int argc, char** argv) {
         return 2;
       }
       interval_ms = static_cast<int>(value);
+    } else if (arg == "--size" && i + 1 < argc) {
+      const std::string text = argv[++i];
+      int cols = 0, rows = 0;
+      char end = 0;
+      if (std::sscanf(text.c_str(), "%dx%d%c", &cols, &rows, &end) != 2 || cols < 1 || rows < 1 || cols > 10000 ||
+          rows > 10000 || text.find_first_not_of("0123456789x") != std::string::npos) {
+        std::cerr << "invalid value for --size: " << text << "\n";
+        usage(argv[0]);
+        return 2;
+      }
+      size = {cols, rows};
     } else if (!arg.starts_with("-") && path.empty()) {
       path = arg;
     } else {
@@ -134,7 +155,7 @@ int main(int argc, char** argv) {
     sonderlark::StatusRecord record;
     sonderlark::MonitorMemory memory;
     const sonderlark::RecordState state = sonderlark::read_status_record(path, sonderlark::wall_clock_seconds(), record);
-    for (const FrameLine& line : sonderlark::monitor_frame(path, state, record, memory, 0.0)) {
+    for (const FrameLine& line : sonderlark::monitor_frame(path, state, record, memory, 0.0, size)) {
       std::cout << line.text << "\n";
     }
     return state == sonderlark::RecordState::kFresh ? 0 : 1;

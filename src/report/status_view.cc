@@ -127,9 +127,110 @@ double level_dbfs(double rms) { return rms > 0.0 ? std::max(20.0 * std::log10(rm
 
 namespace {
 
-std::vector<FrameLine> frame_lines(const std::string& path, RecordState state, const StatusRecord& record,
-                                   MonitorMemory& memory, double seconds) {
+// The chunk rate across the records of the last 3 s (at least 1 s of them).
+std::string chunk_rate(const StatusRecord& record, MonitorMemory& memory, double seconds) {
+  constexpr double kRateWindow = 3.0;
+  if (!memory.history.empty() && record.chunks_processed < memory.history.back().second) memory.history.clear();
+  memory.history.emplace_back(seconds, record.chunks_processed);
+  while (memory.history.size() > 2 && seconds - memory.history[1].first >= kRateWindow) memory.history.pop_front();
+  const double span = seconds - memory.history.front().first;
+  if (span < 1.0) return "-";
+  return fixed(static_cast<double>(record.chunks_processed - memory.history.front().second) / span, 1) + "/s";
+}
+
+// Per channel, the level in dB and the column of its 2-second hold mark on
+// a meter `width` wide.
+struct MeterReading {
+  double db = -120.0;
+  double hold_db = -120.0;
+};
+
+std::vector<MeterReading> meter_readings(const StatusRecord& record, MonitorMemory& memory, double seconds) {
+  const std::size_t channels = record.processed_channel_rms.size();
+  const double since_last_frame = memory.last_frame_time < 0.0 ? 0.0 : seconds - memory.last_frame_time;
+  memory.last_frame_time = seconds;
+  memory.peak_hold_db.resize(channels, -120.0);
+  memory.peak_hold_age.resize(channels, 0.0);
+  std::vector<MeterReading> out;
+  for (std::size_t c = 0; c < channels; ++c) {
+    const double db = level_dbfs(record.processed_channel_rms[c]);
+    memory.peak_hold_age[c] += since_last_frame;
+    if (db >= memory.peak_hold_db[c] || memory.peak_hold_age[c] > kPeakHoldSeconds) {
+      memory.peak_hold_db[c] = db;
+      memory.peak_hold_age[c] = 0.0;
+    }
+    out.push_back({db, memory.peak_hold_db[c]});
+  }
+  return out;
+}
+
+// "ch0  -20.0 [====|   ]" with a meter `width` wide.
+std::string meter_line(std::size_t channel, const MeterReading& m, int width) {
+  auto column = [width](double level) {
+    return std::clamp(static_cast<int>(std::lround((level - kMeterFloorDb) / -kMeterFloorDb * width)), 0, width);
+  };
+  std::string meter = bar((std::max(m.db, kMeterFloorDb) - kMeterFloorDb) / -kMeterFloorDb, width, '=', ' ');
+  const int hold = column(m.hold_db);
+  if (hold > 0) meter[static_cast<std::size_t>(hold - 1)] = '|';
+  std::string value = m.db <= -120.0 ? "  -inf" : fixed(m.db, 1);
+  value.insert(0, value.size() < 6 ? 6 - value.size() : 0, ' ');
+  return "ch" + std::to_string(channel) + " " + value + " [" + meter + "]";
+}
+
+// Status, direction, confidence and meters in as little as 40x12.
+std::vector<FrameLine> compact_lines(const std::string& path, RecordState state, const StatusRecord& record,
+                                     MonitorMemory& memory, double seconds, int width) {
+  const auto w = static_cast<std::size_t>(width);
   std::vector<FrameLine> lines;
+  lines.push_back({fit("sonderlark-monitor " + printable(path), w), LineStyle::kTitle});
+  const std::string rate = chunk_rate(record, memory, seconds);
+  lines.push_back({fit(printable(record.status) + "  chunks " + std::to_string(record.chunks_processed) + "  " + rate, w),
+                   record.status == "running" ? LineStyle::kGood : LineStyle::kAlert});
+  if (state == RecordState::kStale) {
+    lines.push_back({fit("!! STALE since " + record.timestamp.substr(11, 8) + ": run died?", w), LineStyle::kBanner});
+  }
+  if (record.status == "restarting" || record.status == "degraded") {
+    lines.push_back({fit("  " + printable(record.error), w), LineStyle::kAlert});
+  }
+  // The dial as one row: -90 at the left end, +90 at the right.
+  const int span = width - 10;
+  std::string row(static_cast<std::size_t>(span), '.');
+  row[static_cast<std::size_t>(span / 2)] = '+';
+  const bool have_direction = !record.processed_channel_rms.empty();
+  if (have_direction) {
+    const double at = (std::clamp(record.direction_angle_degrees, -90.0, 90.0) + 90.0) / 180.0 * (span - 1);
+    row[static_cast<std::size_t>(std::lround(at))] = '@';
+  }
+  lines.push_back({"-90 [" + row + "] +90", LineStyle::kNeedle});
+  lines.push_back({"direction: " + fixed(record.direction_angle_degrees, 2) + " degrees"});
+  lines.push_back({"confidence " + fixed(record.direction_confidence, 3) + (record.direction_low_confidence ? " (low)" : ""),
+                   record.direction_low_confidence ? LineStyle::kDim : LineStyle::kGood});
+  const std::vector<MeterReading> meters = meter_readings(record, memory, seconds);
+  for (std::size_t c = 0; c < meters.size(); ++c) {
+    lines.push_back({fit(meter_line(c, meters[c], width - 14), w), LineStyle::kGood});
+  }
+  lines.push_back({fit(std::string("speech ") + (record.detected_speech ? "yes" : "no") + "  PCM " +
+                           (record.pcm_output_connected ? "connected" : "not connected"),
+                       w)});
+  return lines;
+}
+
+std::vector<FrameLine> frame_lines(const std::string& path, RecordState state, const StatusRecord& record,
+                                   MonitorMemory& memory, double seconds, ScreenSize screen) {
+  if (screen.cols < kCompactScreen.cols || screen.rows < kCompactScreen.rows) {
+    return {{fit("too small: needs " + std::to_string(kCompactScreen.cols) + "x" + std::to_string(kCompactScreen.rows) +
+                     ", has " + std::to_string(screen.cols) + "x" + std::to_string(screen.rows),
+                 static_cast<std::size_t>(std::max(screen.cols, 4))),
+             LineStyle::kBanner}};
+  }
+  const bool full = screen.cols >= kFullScreen.cols && screen.rows >= kFullScreen.rows;
+  // Lines use the width there is, one column spare.
+  const std::size_t width = static_cast<std::size_t>(screen.cols - (full ? 2 : 0));
+  const auto fit = [width](const std::string& text) { return sonderlark::fit(text, width); };
+  std::vector<FrameLine> lines;
+  if (state == RecordState::kFresh || state == RecordState::kStale) {
+    if (!full) return compact_lines(path, state, record, memory, seconds, screen.cols);
+  }
   lines.push_back({fit("sonderlark-monitor  " + printable(path)), LineStyle::kTitle});
   if (state == RecordState::kMissing) {
     lines.push_back({fit("!! no status file here: is a live run going?"), LineStyle::kBanner});
@@ -145,20 +246,11 @@ std::vector<FrameLine> frame_lines(const std::string& path, RecordState state, c
     return lines;
   }
   if (state == RecordState::kStale) {
-    lines.push_back({"!! STALE: the last record is from " + record.timestamp + ", yet says running:", LineStyle::kBanner});
-    lines.push_back({"!! the live run has died or stalled", LineStyle::kBanner});
+    lines.push_back({fit("!! STALE: the record of " + record.timestamp + " says running: died or stalled?"),
+                     LineStyle::kBanner});
   }
 
-  // Chunk rate across the records of the last 3 s (at least 1 s of them).
-  constexpr double kRateWindow = 3.0;
-  if (!memory.history.empty() && record.chunks_processed < memory.history.back().second) memory.history.clear();
-  memory.history.emplace_back(seconds, record.chunks_processed);
-  while (memory.history.size() > 2 && seconds - memory.history[1].first >= kRateWindow) memory.history.pop_front();
-  const double span = seconds - memory.history.front().first;
-  std::string rate = "-";
-  if (span >= 1.0) {
-    rate = fixed(static_cast<double>(record.chunks_processed - memory.history.front().second) / span, 1) + "/s";
-  }
+  const std::string rate = chunk_rate(record, memory, seconds);
   lines.push_back({fit("status: " + printable(record.status) + "   chunks: " + std::to_string(record.chunks_processed) +
                        "   rate: " + rate + "   at " + record.timestamp),
                    record.status == "running" ? LineStyle::kGood : LineStyle::kAlert});
@@ -167,14 +259,18 @@ std::vector<FrameLine> frame_lines(const std::string& path, RecordState state, c
                          ")"),
                      LineStyle::kAlert});
     std::size_t start = 0;
-    for (int shown = 0; start < record.arecord_stderr.size() && shown < 3; ++shown) {
+    // The error line takes the blank line's place; its standard error
+    // lines come as far as there is room.
+    const int room = std::min(3, screen.rows - kFullScreen.rows);
+    for (int shown = 0; start < record.arecord_stderr.size() && shown < room; ++shown) {
       const std::size_t end = std::min(record.arecord_stderr.find('\n', start), record.arecord_stderr.size());
       lines.push_back({fit("  stderr: " + printable(record.arecord_stderr.substr(start, end - start))),
                        LineStyle::kAlert});
       start = end + 1;
     }
   }
-  lines.push_back({""});
+  // A blank line under a status line alone: a banner or an error line takes its place.
+  if (lines.size() == 2) lines.push_back({""});
 
   const bool have_direction = !record.processed_channel_rms.empty();
   for (const std::string& row : dial(record.direction_angle_degrees, have_direction)) {
@@ -187,31 +283,10 @@ std::vector<FrameLine> frame_lines(const std::string& path, RecordState state, c
   lines.push_back({""});
 
   // Meters from -60 to 0 dBFS with a mark at the level held over 2 s.
-  const std::size_t channels = record.processed_channel_rms.size();
-  const double since_last_frame = memory.last_frame_time < 0.0 ? 0.0 : seconds - memory.last_frame_time;
-  memory.last_frame_time = seconds;
-  memory.peak_hold_db.resize(channels, -120.0);
-  memory.peak_hold_age.resize(channels, 0.0);
   lines.push_back({"processed levels, dBFS (-60 .. 0, | = highest of the last 2 s)"});
-  for (std::size_t c = 0; c < channels; ++c) {
-    const double db = level_dbfs(record.processed_channel_rms[c]);
-    memory.peak_hold_age[c] += since_last_frame;
-    if (db >= memory.peak_hold_db[c] || memory.peak_hold_age[c] > kPeakHoldSeconds) {
-      memory.peak_hold_db[c] = db;
-      memory.peak_hold_age[c] = 0.0;
-    }
-    auto column = [](double level) {
-      return std::clamp(static_cast<int>(std::lround((level - kMeterFloorDb) / -kMeterFloorDb * kMeterWidth)), 0,
-                        kMeterWidth);
-    };
-    std::string meter = bar((std::max(db, kMeterFloorDb) - kMeterFloorDb) / -kMeterFloorDb, kMeterWidth, '=', ' ');
-    const int hold = column(memory.peak_hold_db[c]);
-    if (hold > 0) meter[static_cast<std::size_t>(hold - 1)] = '|';
-    std::string value = db <= -120.0 ? "  -inf" : fixed(db, 1);
-    value.insert(0, value.size() < 6 ? 6 - value.size() : 0, ' ');
-    lines.push_back({"ch" + std::to_string(c) + " " + value + " [" + meter + "]", LineStyle::kGood});
-  }
-  lines.push_back({""});
+  const std::vector<MeterReading> meters = meter_readings(record, memory, seconds);
+  const int meter_width = std::clamp(screen.cols - 20, kMeterWidth, 100);
+  for (std::size_t c = 0; c < meters.size(); ++c) lines.push_back({meter_line(c, meters[c], meter_width), LineStyle::kGood});
   lines.push_back({fit(std::string("speech seen: ") + (record.detected_speech ? "yes" : "no") +
                        "   PCM output: " + (record.pcm_output_connected ? "connected" : "not connected") + " (" +
                        printable(record.pcm_output) + ")")});
@@ -222,8 +297,8 @@ std::vector<FrameLine> frame_lines(const std::string& path, RecordState state, c
 }  // namespace
 
 std::vector<FrameLine> monitor_frame(const std::string& path, RecordState state, const StatusRecord& record,
-                                     MonitorMemory& memory, double seconds) {
-  std::vector<FrameLine> lines = frame_lines(path, state, record, memory, seconds);
+                                     MonitorMemory& memory, double seconds, ScreenSize screen) {
+  std::vector<FrameLine> lines = frame_lines(path, state, record, memory, seconds, screen);
   // Whatever the record held, and wherever a line was cut, the terminal
   // gets no control and no broken sequence.
   for (FrameLine& line : lines) line.text = terminal_text(line.text);

@@ -76,10 +76,25 @@ constexpr double kPeakHoldSeconds = 2.0;
 // Level in dBFS of an rms value (full scale 1.0); -120 for silence.
 double level_dbfs(double rms);
 
-// One frame of the monitor, plain text of at most 78 columns per line.
-// `seconds` is a steady clock reading, used for the chunk rate and the
-// peak hold (pass the same value twice and nothing is derived).
+// The terminal a frame is drawn for.
+struct ScreenSize {
+  int cols = 80;
+  int rows = 24;
+};
+
+// The smallest terminal the compact layout fits, and the smallest for the
+// full one (the dial).
+constexpr ScreenSize kCompactScreen{40, 12};
+constexpr ScreenSize kFullScreen{80, 24};
+
+// One frame of the monitor for a terminal of `screen`: plain text, no line
+// wider than the screen. The full layout (dial, meters, PCM and capture
+// lines using the whole width) from 80x24; a compact one from 40x12 that
+// keeps status, direction, confidence and the meters; below that one line
+// saying the terminal is too small. `seconds` is a steady clock reading,
+// used for the chunk rate and the peak hold (pass the same value twice and
+// nothing is derived).
 std::vector<FrameLine> monitor_frame(const std::string& path, RecordState state, const StatusRecord& record,
-                                     MonitorMemory& memory, double seconds);
+                                     MonitorMemory& memory, double seconds, ScreenSize screen = kFullScreen);
 
 }  // namespace sonderlark

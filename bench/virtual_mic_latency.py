@@ -2,11 +2,12 @@
 """FIFO-to-recorder latency of the virtual microphone, per sound server and
 recorder setting: the commands of the README's virtual-microphone section.
 
-Usage: bench/virtual_mic_latency.py [SECONDS]   (default: 10)
+Usage: bench/virtual_mic_latency.py [SECONDS] [BUILD]   (default: 10, build)
 
 Each case starts a private server with the pipe source (PulseAudio with
 module-pipe-source; PipeWire at 16 kHz through scripts/pipewire-stack with
-the packaged pipe-tunnel drop-in, or with module-pipe-source loaded by pactl), starts the recorder writing raw samples to
+the packaged pipe-tunnel drop-in, with module-pipe-source loaded by pactl, or
+with BUILD/sonderlark-mic as the source), starts the recorder writing raw samples to
 a pipe, then writes 64 ms chunks (1024 samples, as live mode does) into the
 FIFO on a real-time schedule, each chunk one constant value of its own. The
 latency of a chunk is from its write to the read that completes it at the
@@ -62,7 +63,13 @@ def open_fifo_for_writing(fifo, recorder):
 
 PW_RECORD = ["pw-record", "--target", "sonderlark_mic", "--rate", "16000", "--channels", "1", "--format", "s16"]
 PARECORD = ["parecord", "--raw", "-d", "sonderlark_mic", "--rate=16000", "--channels=1", "--format=s16le"]
+PROBE = ["PROBE", "sonderlark_mic"]  # BUILD/bench/mic_probe: a recorder with no buffering of its own
 CASES = [
+    ("PipeWire-mic", "probe (unbuffered)", PROBE),
+    ("PipeWire-mic", "pw-record --latency 16ms", PW_RECORD + ["--latency", "16ms", "-"]),
+    ("PipeWire-mic", "parecord --latency-msec=16", PARECORD + ["--latency-msec=16"]),
+    ("PipeWire", "probe (unbuffered)", PROBE),
+    ("PipeWire-pactl", "probe (unbuffered)", PROBE),
     ("PipeWire", "pw-record (default)", PW_RECORD + ["-"]),
     ("PipeWire", "pw-record --latency 16ms", PW_RECORD + ["--latency", "16ms", "-"]),
     ("PipeWire", "parecord (default)", PARECORD),
@@ -74,7 +81,11 @@ CASES = [
 ]
 
 
+BUILD = "build"
+
+
 def start_server(kind, run, fifo):
+    """The server and, for the mic route, sonderlark-mic: (environment, process to end or None, extra process)."""
     if kind.startswith("PipeWire"):
         tunnel = ["--pipe-tunnel", fifo] if kind == "PipeWire" else []
         out = subprocess.run([STACK, "start", os.path.join(run, "pw")] + tunnel,
@@ -82,11 +93,22 @@ def start_server(kind, run, fifo):
         env = dict(os.environ)
         env.pop("PULSE_SERVER", None)
         env.update(word.split("=", 1) for word in out.split())
-        if not tunnel:
+        if kind == "PipeWire-pactl":
             subprocess.run(["pactl", "load-module", "module-pipe-source", "source_name=sonderlark_mic",
                             f"file={fifo}", "format=s16le", "rate=16000", "channels=1"],
                            env=env, check=True, capture_output=True, timeout=DEADLINE)
-        return env, None
+        if kind == "PipeWire-mic":
+            mic = subprocess.Popen([os.path.join(BUILD, "sonderlark-mic"), "--fifo", fifo], env=env,
+                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            limit = time.monotonic() + DEADLINE
+            while "sonderlark_mic" not in subprocess.run(["pactl", "list", "short", "sources"], env=env,
+                                                         capture_output=True, text=True, timeout=DEADLINE).stdout:
+                if time.monotonic() > limit or mic.poll() is not None:
+                    end_process(mic, signal.SIGTERM)
+                    raise RuntimeError("sonderlark-mic did not come up")
+                time.sleep(0.05)
+            return env, None, mic
+        return env, None, None
     env = dict(os.environ, XDG_RUNTIME_DIR=os.path.join(run, "run"), HOME=run)
     env.pop("PULSE_SERVER", None)
     os.makedirs(env["XDG_RUNTIME_DIR"], mode=0o700)
@@ -99,7 +121,7 @@ def start_server(kind, run, fifo):
     limit = time.monotonic() + DEADLINE
     while time.monotonic() < limit and pulse.poll() is None:
         if os.path.exists(fifo):
-            return env, pulse
+            return env, pulse, None
         time.sleep(0.1)
     end_process(pulse, signal.SIGTERM)
     raise RuntimeError("pulseaudio did not come up")
@@ -107,9 +129,11 @@ def start_server(kind, run, fifo):
 
 def measure(kind, recorder, run, seconds):
     fifo = os.path.join(run, "mic.pcm")
-    env, pulse = start_server(kind, run, fifo)
+    env, pulse, mic = start_server(kind, run, fifo)
     rec = None
     try:
+        if recorder[0] == "PROBE":
+            recorder = [os.path.join(BUILD, "bench", "mic_probe")] + recorder[1:]
         rec = subprocess.Popen(recorder, env=env, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
         fd = open_fifo_for_writing(fifo, rec)
         chunks = int(seconds * 16000 / CHUNK)
@@ -141,11 +165,14 @@ def measure(kind, recorder, run, seconds):
         settled = [l for v, l in latencies if v * CHUNK >= 16000]
         if not settled:
             raise RuntimeError(f"no chunk arrived whole (recorder status {rec.poll()})")
-        return len(latencies), chunks, statistics.median(settled), max(settled)
+        missing = sorted(set(range(1, chunks + 1)) - {v for v, _ in latencies})
+        return len(latencies), chunks, statistics.median(settled), max(settled), missing
     finally:
         if rec is not None:
             rec.stdout.close()  # a recorder blocked on a full pipe gets EPIPE, not a signal it ignores
             end_process(rec, signal.SIGINT)
+        if mic is not None:
+            end_process(mic, signal.SIGTERM)
         if pulse is not None:
             end_process(pulse, signal.SIGTERM)
         else:
@@ -153,19 +180,24 @@ def measure(kind, recorder, run, seconds):
 
 
 def main():
+    global BUILD
     seconds = float(sys.argv[1]) if len(sys.argv) > 1 else 10.0
+    BUILD = sys.argv[2] if len(sys.argv) > 2 else "build"
     work = tempfile.mkdtemp(prefix="sonderlark-mic-latency-")
     try:
+        only = os.environ.get("ONLY")  # a route name, to measure one route
         for n, (kind, name, recorder) in enumerate(CASES):
+            if only and kind != only:
+                continue
             run = os.path.join(work, str(n))
             os.makedirs(run)
             try:
-                got, sent, median, worst = measure(kind, recorder, run, seconds)
+                got, sent, median, worst, missing = measure(kind, recorder, run, seconds)
             except (RuntimeError, subprocess.SubprocessError) as e:
                 print(f"{kind:14} {name:28} failed: {e}")
                 continue
             print(f"{kind:14} {name:28} median {median * 1000:6.1f} ms, max {worst * 1000:6.1f} ms "
-                  f"({got} of {sent} chunks complete)")
+                  f"({got} of {sent} chunks complete{', missing ' + str(missing) if missing else ''})")
     finally:
         subprocess.run(["rm", "-rf", work])
 

@@ -39,6 +39,7 @@ and a JSON manifest; live mode streams the beam into a FIFO that PipeWire or
 PulseAudio turns into a virtual microphone, with a JSON status file.
 
 Also included: sonderlark-doctor checks an array and its virtual microphone,
+sonderlark-mic publishes the live beam as a low-latency PipeWire source,
 sonderlark-monitor watches a live run, sonderlark-sim simulates the array,
 and a systemd user unit runs live mode as a service.")
 set(CPACK_STRIP_FILES ON)

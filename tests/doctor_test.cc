@@ -283,6 +283,7 @@ TEST(DoctorSetUp, FindsTheVirtualMicrophoneTheUserSetUp) {
     std::string path;   // found
     std::string state;  // of the check
     std::string text;   // in its message or advice
+    std::vector<std::string> readers = {};
   };
   const Row rows[] = {
       {"source on the runtime path", {}, "", true, elsewhere + on_runtime, runtime, "problem",
@@ -295,12 +296,14 @@ TEST(DoctorSetUp, FindsTheVirtualMicrophoneTheUserSetUp) {
       {"none set up", {}, "", true, "", "", "skipped", "one-shot use needs none"},
       {"no server, none set up", {}, "", false, "", "", "skipped", "no sound server answers pactl: one-shot"},
       {"no server, one asked for", wanted, "", false, "", runtime, "problem", "start a sound server"},
+      {"read by sonderlark-mic", {}, "/srv/live.pcm", true, "", "/srv/live.pcm", "ok",
+       "/srv/live.pcm feeds sonderlark-mic (process 4242), the low-latency PipeWire source", {"4242 (sonderlark-mic)"}},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     const MicSetup setup = find_mic_setup(row.options, row.status_pcm, row.modules, runtime);
     EXPECT_EQ(setup.pcm_path, row.path);
-    const Check c = virtual_mic_check(setup, row.server, row.modules, {}, runtime);
+    const Check c = virtual_mic_check(setup, row.server, row.modules, row.readers, runtime);
     EXPECT_EQ(c.state, row.state);
     std::string all = c.message + "\n" + c.advice;
     for (const std::string& d : c.details) all += "\n" + d;

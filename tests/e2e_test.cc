@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cmath>
@@ -27,14 +28,15 @@ using Env = std::map<std::string, std::optional<std::string>>;
 // The sound servers a virtual microphone is made with: PulseAudio with
 // module-pipe-source; PipeWire (graph at 16 kHz) with the same module loaded
 // through pipewire-pulse; PipeWire with its own pipe-tunnel module from the
-// drop-in the package ships.
-enum class Server { kPulseAudio, kPipeWirePactl, kPipeWireDropIn };
+// drop-in the package ships; PipeWire with sonderlark-mic as the source.
+enum class Server { kPulseAudio, kPipeWirePactl, kPipeWireDropIn, kPipeWireMic };
 
 std::string server_name(Server server) {
   switch (server) {
     case Server::kPulseAudio: return "PulseAudio";
     case Server::kPipeWirePactl: return "PipeWirePactl";
     case Server::kPipeWireDropIn: return "PipeWireDropIn";
+    case Server::kPipeWireMic: return "PipeWireMic";
   }
   return "";
 }
@@ -48,6 +50,7 @@ struct SoundServer {
   Env env;
   int pid = -1;          // PulseAudio
   bool running = false;  // PipeWire, through scripts/pipewire-stack
+  int mic = -1;          // sonderlark-mic
 
   // `source` the pipe source's settings; empty: no pipe source at all.
   SoundServer(Server server, const test::TempDir& dir, const std::string& fifo_path,
@@ -104,9 +107,26 @@ struct SoundServer {
                                              env);
       ASSERT_EQ(load.exit_code, 0) << load.err;
     }
+    if (kind == Server::kPipeWireMic) {
+      mic = test::spawn({test::program_path("sonderlark-mic"), "--fifo", fifo}, env, tmp.path("mic.out"),
+                        tmp.path("mic.err"));
+      // Ready when the Pulse layer lists the source (60 s at most: only a hung start fails).
+      for (int i = 0; i < 600; ++i) {
+        if (test::run({"pactl", "list", "short", "sources"}, env).out.find("sonderlark_mic") != std::string::npos) {
+          return;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      }
+      FAIL() << "sonderlark-mic did not come up: " << test::read_file(tmp.path("mic.err"));
+    }
   }
 
   void stop() {
+    if (mic >= 0) {
+      kill(mic, SIGTERM);
+      test::wait_child(mic);
+      mic = -1;
+    }
     if (pid >= 0) {
       kill(pid, SIGTERM);
       test::wait_child(pid);
@@ -191,13 +211,13 @@ std::size_t received_in_order(const std::vector<double>& got, const std::vector<
   return j;
 }
 
-class VirtualMicrophone : public ::testing::TestWithParam<Server> {};
-
-TEST_P(VirtualMicrophone, ARecorderGetsTheBeamBitForBit) {
+// A paced live run into the server's virtual microphone: a recorder gets
+// every beam sample bit for bit.
+void beam_arrives_bit_for_bit(Server kind) {
   test::TempDir tmp;
   const std::string frames = speech_frames(tmp);
   const std::string fifo = tmp.path("mic.pcm");
-  SoundServer server(GetParam(), tmp, fifo);
+  SoundServer server(kind, tmp, fifo);
   server.start("server");
   const int recorder = server.start_recorder(tmp.path("rec.wav"));
   test::PacedDevice device(tmp);
@@ -230,9 +250,13 @@ TEST_P(VirtualMicrophone, ARecorderGetsTheBeamBitForBit) {
   const std::size_t received = received_in_order(rec.samples[0], want, 1024, drops, fault);
   EXPECT_EQ(fault, "");
   EXPECT_EQ(received, want.size()) << test::read_file(tmp.path("rec.wav.err"));
-  std::cout << server_name(GetParam()) << ": " << received << " of " << want.size() << " beam samples bit for bit in "
+  std::cout << server_name(kind) << ": " << received << " of " << want.size() << " beam samples bit for bit in "
             << rec.samples[0].size() << " recorded, " << drops << " drops\n";
 }
+
+class VirtualMicrophone : public ::testing::TestWithParam<Server> {};
+
+TEST_P(VirtualMicrophone, ARecorderGetsTheBeamBitForBit) { beam_arrives_bit_for_bit(GetParam()); }
 
 TEST_P(VirtualMicrophone, ServerRestartDisconnectsAndReconnects) {
   test::TempDir tmp;
@@ -283,6 +307,59 @@ TEST_P(VirtualMicrophone, ServerRestartDisconnectsAndReconnects) {
 INSTANTIATE_TEST_SUITE_P(Servers, VirtualMicrophone,
                          ::testing::Values(Server::kPulseAudio, Server::kPipeWirePactl, Server::kPipeWireDropIn),
                          [](const auto& info) { return server_name(info.param); });
+
+#ifdef SONDERLARK_HAVE_MIC
+// sonderlark-mic holds the FIFO open through a server restart (the tool sees
+// no disconnect), so its route has the bit-for-bit run only.
+TEST(PipeWireMicRoute, ARecorderGetsTheBeamBitForBit) { beam_arrives_bit_for_bit(Server::kPipeWireMic); }
+
+// The FIFO it reads: made private and removed again, or, when something is
+// there already, only a FIFO of this user's that no one else may write.
+TEST(PipeWireMicRoute, TheFifoIsItsOwn) {
+  test::TempDir tmp;
+  fs::create_directories(tmp.path("run"));
+  const std::string mic = test::program_path("sonderlark-mic");
+  const Env no_server = {{"XDG_RUNTIME_DIR", tmp.path("run")}, {"PIPEWIRE_REMOTE", std::nullopt}};
+  struct Row {
+    std::string name;
+    std::string setup;  // shell, in the folder
+    std::string said;
+  };
+  const Row rows[] = {
+      {"link", "mkfifo real.pcm && ln -s real.pcm mic.pcm", "symbolic link"},
+      {"regular file", ": > mic.pcm", "not a FIFO"},
+      {"writable by others", "mkfifo -m 666 mic.pcm", "writable by other users"},
+      {"another user's", "mkfifo mic.pcm && chown nobody mic.pcm", "owned by another user"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    if (row.setup.find("chown") != std::string::npos && geteuid() != 0) continue;
+    fs::remove_all(tmp.path("d"));
+    fs::create_directories(tmp.path("d"));
+    ASSERT_EQ(test::run({"sh", "-c", row.setup}, {}, tmp.path("d")).exit_code, 0);
+    const test::RunResult r = test::run({"timeout", "60", mic, "--fifo", tmp.path("d/mic.pcm")}, no_server);
+    EXPECT_EQ(r.exit_code, 1);
+    EXPECT_EQ(r.err, "sonderlark-mic: " + tmp.path("d/mic.pcm") + " refused: " + row.said + "\n");
+  }
+  EXPECT_EQ(test::run({mic, "--bogus"}, no_server).exit_code, 2);
+  EXPECT_EQ(test::run({mic}, {{"XDG_RUNTIME_DIR", std::nullopt}}).exit_code, 2);
+  // Made when missing, waiting for a server, removed at the end.
+  const int pid = test::spawn({mic}, no_server, tmp.path("mic.out"), tmp.path("mic.err"));
+  const std::string fifo = tmp.path("run/sonderlark-beamformed-mic.pcm");
+  struct stat info {};
+  for (int i = 0; i < 600 && test::read_file(tmp.path("mic.err")).find("no PipeWire server") == std::string::npos; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  ASSERT_EQ(lstat(fifo.c_str(), &info), 0);
+  EXPECT_TRUE(S_ISFIFO(info.st_mode));
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  kill(pid, SIGTERM);
+  EXPECT_EQ(test::wait_child(pid), 0);
+  EXPECT_FALSE(fs::exists(fifo));
+  EXPECT_EQ(test::read_file(tmp.path("mic.err")),
+            "sonderlark-mic: no PipeWire server answers; trying every second\nsonderlark-mic: stopped\n");
+}
+#endif
 
 // The doctor finds the pipe source the user loaded in the private runtime
 // folder without being told its path, and says what is wrong with it; with

@@ -16,7 +16,15 @@ head -n 1 "$prefix/help.txt" | grep -qx "Usage: $bin \[options\]"
 "$prefix/bin/sonderlark-doctor" --help | head -n 1 | grep -q "^Usage: $prefix/bin/sonderlark-doctor \[--device NAME\]"
 
 page="$prefix/share/man/man1/sonderlark.1"
-for p in "$page" "$prefix"/share/man/man1/sonderlark-{sim,monitor,doctor}.1; do
+pages=("$page" "$prefix"/share/man/man1/sonderlark-{sim,monitor,doctor}.1)
+# sonderlark-mic where libpipewire was there to build it.
+if [ -x "$prefix/bin/sonderlark-mic" ]; then
+  "$prefix/bin/sonderlark-mic" --help | head -n 1 | grep -q "^Usage: $prefix/bin/sonderlark-mic \[--fifo PATH\]"
+  pages+=("$prefix/share/man/man1/sonderlark-mic.1")
+  grep -qx "ExecStart=$prefix/bin/sonderlark-mic --fifo %t/sonderlark-beamformed-mic.pcm" \
+    "$prefix/lib/systemd/user/sonderlark-mic.service"
+fi
+for p in "${pages[@]}"; do
   warnings=$(groff -man -ww -z "$p" 2>&1)
   [ -z "$warnings" ] || { echo "groff warnings in $p: $warnings" >&2; exit 1; }
 done
@@ -32,7 +40,9 @@ grep -q "^ExecStart=$prefix/bin/sonderlark --live .*--pcm-output %t/sonderlark-b
 # runtime folder, and finds the man page of Documentation= through MANPATH).
 if command -v systemd-analyze >/dev/null 2>&1; then
   mkdir -m 700 "$prefix/run"
-  said=$(XDG_RUNTIME_DIR="$prefix/run" MANPATH="$prefix/share/man" systemd-analyze --user verify "$unit" 2>&1) || true
+  units=("$unit")
+  [ -e "$prefix/lib/systemd/user/sonderlark-mic.service" ] && units+=("$prefix/lib/systemd/user/sonderlark-mic.service")
+  said=$(XDG_RUNTIME_DIR="$prefix/run" MANPATH="$prefix/share/man" systemd-analyze --user verify "${units[@]}" 2>&1) || true
   [ -z "$said" ] || { echo "systemd-analyze verify: $said" >&2; exit 1; }
   rm -rf "$prefix/run"
 else

@@ -23,7 +23,9 @@ trap cleanup EXIT
 apt-get install -y -qq --no-install-recommends "$deb" > "$work/apt.log" 2>&1 || { cat "$work/apt.log" >&2; exit 1; }
 installed=yes
 dpkg-query -L sonderlark > "$work/files"
-for program in sonderlark sonderlark-sim sonderlark-monitor sonderlark-doctor; do
+programs=(sonderlark sonderlark-sim sonderlark-monitor sonderlark-doctor)
+grep -qx /usr/bin/sonderlark-mic "$work/files" && programs+=(sonderlark-mic)
+for program in "${programs[@]}"; do
   [ "$(command -v "$program")" = "/usr/bin/$program" ] || { echo "$program is not on PATH" >&2; exit 1; }
   "$program" --help > "$work/help.txt"
   head -n 1 "$work/help.txt" | grep -q "^Usage: $program " || { cat "$work/help.txt" >&2; exit 1; }
@@ -33,6 +35,9 @@ for program in sonderlark sonderlark-sim sonderlark-monitor sonderlark-doctor; d
 done
 grep -qx /usr/lib/systemd/user/sonderlark-live.service "$work/files"
 grep -q '^ExecStart=/usr/bin/sonderlark --live ' /usr/lib/systemd/user/sonderlark-live.service
+if grep -qx /usr/bin/sonderlark-mic "$work/files"; then
+  grep -q '^ExecStart=/usr/bin/sonderlark-mic ' /usr/lib/systemd/user/sonderlark-mic.service
+fi
 grep -qx /usr/share/doc/sonderlark/examples/sonderlark-mic.conf "$work/files"
 
 apt-get purge -y -qq sonderlark > "$work/apt.log" 2>&1 || { cat "$work/apt.log" >&2; exit 1; }

@@ -420,6 +420,10 @@ MicSetup find_mic_setup(const DoctorOptions& options, const std::string& status_
     return {runtime_default, "of the loaded pipe source"};
   }
   if (!loaded.empty()) return {loaded.front(), "of the loaded pipe source"};
+  struct stat info {};
+  if (lstat(runtime_default.c_str(), &info) == 0 && S_ISFIFO(info.st_mode)) {
+    return {runtime_default, "in the private runtime folder"};  // sonderlark-mic's, for one
+  }
   if (options.virtual_mic) return {runtime_default, "asked for with --virtual-mic"};
   return {};
 }
@@ -448,6 +452,13 @@ Check virtual_mic_check(const MicSetup& setup, bool server_answered, const std::
     c.details.push_back(pcm_path + " (" + setup.found + ") does not exist");
   }
   for (const std::string& r : readers) c.details.push_back("held open by " + r);
+  const auto mic = std::find_if(readers.begin(), readers.end(),
+                                [](const std::string& r) { return r.ends_with(" (sonderlark-mic)"); });
+  if (mic != readers.end()) {
+    c.message = pcm_path + " feeds sonderlark-mic (process " + mic->substr(0, mic->find(' ')) +
+                "), the low-latency PipeWire source";
+    return c;
+  }
   if (!server_answered) {
     c.state = "problem";
     c.message = "no sound server answers pactl, so nothing reads " + pcm_path;

@@ -89,8 +89,9 @@ struct MicSetup {
 };
 
 // In this order: --pcm-output, the PCM path the live status file names, a
-// loaded pipe source (the one on `runtime_default` first), and with
-// --virtual-mic `runtime_default`. `modules` is what `pactl list modules
+// loaded pipe source (the one on `runtime_default` first), a FIFO at
+// `runtime_default` (sonderlark-mic's), and with --virtual-mic
+// `runtime_default`. `modules` is what `pactl list modules
 // short` printed (empty when no server answered).
 MicSetup find_mic_setup(const DoctorOptions& options, const std::string& status_pcm, const std::string& modules,
                         const std::string& runtime_default);

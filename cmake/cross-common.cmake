@@ -24,3 +24,7 @@ set(CMAKE_CROSSCOMPILING_EMULATOR ${SONDERLARK_QEMU})
 set(CURSES_NCURSES_LIBRARY /usr/lib/${SONDERLARK_TRIPLE}/libncurses.so.6 CACHE FILEPATH "")
 set(CURSES_EXTRA_LIBRARY /usr/lib/${SONDERLARK_TRIPLE}/libtinfo.so.6 CACHE FILEPATH "")
 set(CURSES_INCLUDE_PATH /usr/include CACHE PATH "")
+# pkg-config answers for the target only: a library found for this machine
+# (libpipewire for sonderlark-mic) must not be linked into an ARM build.
+set(ENV{PKG_CONFIG_LIBDIR} "/usr/lib/${SONDERLARK_TRIPLE}/pkgconfig:/usr/share/pkgconfig")
+set(ENV{PKG_CONFIG_PATH} "")

@@ -96,6 +96,27 @@ std::string module_argument(const std::string& args, const std::string& key) {
   return value.substr(0, value.find_first_of(" \t"));
 }
 
+// A module-pipe-source line of `pactl list modules short`.
+struct PipeSource {
+  std::string index;
+  std::string args;
+  std::string file;  // its FIFO
+};
+
+std::vector<PipeSource> pipe_sources(const std::string& modules) {
+  std::vector<PipeSource> out;
+  std::istringstream lines(modules);
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream fields(line);
+    std::string index, name, args;
+    std::getline(fields, index, '\t');
+    std::getline(fields, name, '\t');
+    std::getline(fields, args, '\t');
+    if (name == "module-pipe-source") out.push_back({index, args, module_argument(args, "file")});
+  }
+  return out;
+}
+
 // The sound devices of the ALSA card that `device` names (hw:N, plughw:N),
 // or every sound device.
 std::string card_prefix(const std::string& device) {
@@ -405,16 +426,8 @@ MicSetup find_mic_setup(const DoctorOptions& options, const std::string& status_
   if (!options.pcm_path.empty()) return {options.pcm_path, "given with --pcm-output"};
   if (!status_pcm.empty()) return {status_pcm, "named by the live status file"};
   std::vector<std::string> loaded;
-  std::istringstream lines(modules);
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream fields(line);
-    std::string index, name, args;
-    std::getline(fields, index, '\t');
-    std::getline(fields, name, '\t');
-    std::getline(fields, args, '\t');
-    if (name == "module-pipe-source" && !module_argument(args, "file").empty()) {
-      loaded.push_back(module_argument(args, "file"));
-    }
+  for (const PipeSource& source : pipe_sources(modules)) {
+    if (!source.file.empty()) loaded.push_back(source.file);
   }
   if (std::find(loaded.begin(), loaded.end(), runtime_default) != loaded.end()) {
     return {runtime_default, "of the loaded pipe source"};
@@ -468,16 +481,10 @@ Check virtual_mic_check(const MicSetup& setup, bool server_answered, const std::
   }
   // The pipe source for this path, if one is loaded.
   std::string index, args;
-  std::istringstream lines(modules);
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream fields(line);
-    std::string idx, name, rest;
-    std::getline(fields, idx, '\t');
-    std::getline(fields, name, '\t');
-    std::getline(fields, rest, '\t');
-    if (name == "module-pipe-source" && module_argument(rest, "file") == pcm_path) {
-      index = idx;
-      args = rest;
+  for (const PipeSource& source : pipe_sources(modules)) {
+    if (source.file == pcm_path) {
+      index = source.index;
+      args = source.args;
     }
   }
   if (index.empty()) {

@@ -138,27 +138,31 @@ struct SoundServer {
     }
   }
 
-  // A recorder of the pipe source at 16 kHz into `wav`, started in the
-  // background and running half a second later. Both stop on SIGINT with
-  // everything they received written.
+  // A recorder of the source at 16 kHz into `wav`, started in the background
+  // and returned once the server lists its stream (a minute at most: only a
+  // hung start fails). Both recorders stop on SIGINT with everything they
+  // received written.
   int start_recorder(const std::string& wav) const {
-    if (kind == Server::kPulseAudio) {
-      const int pid = test::spawn({"parecord", "-d", "sonderlark_mic", "--rate=16000", "--channels=1",
-                                   "--format=s16le", "--latency-msec=20", "--file-format=wav", wav},
-                                  env, wav + ".out", wav + ".err");
-      std::this_thread::sleep_for(std::chrono::milliseconds(500));
-      return pid;
-    }
+    const std::vector<std::string> argv =
+        kind == Server::kPulseAudio
+            ? std::vector<std::string>{"parecord", "-d", "sonderlark_mic", "--rate=16000", "--channels=1",
+                                       "--format=s16le", "--latency-msec=20", "--file-format=wav", wav}
+            : std::vector<std::string>{"pw-record", "--target", "sonderlark_mic", "--rate", "16000", "--channels",
+                                       "1", "--format", "s16", "--latency", "16ms", wav};
     // The Pulse layer may list the source before the session manager can
     // link to it: pw-record then ends at once ("no node available"), and is
     // started again.
-    for (int attempt = 0;; ++attempt) {
-      const int pid = test::spawn({"pw-record", "--target", "sonderlark_mic", "--rate", "16000", "--channels", "1",
-                                   "--format", "s16", "--latency", "16ms", wav},
-                                  env, wav + ".out", wav + ".err");
-      std::this_thread::sleep_for(std::chrono::milliseconds(500));
-      if (attempt == 10 || waitpid(pid, nullptr, WNOHANG) == 0) return pid;
+    for (int attempt = 0; attempt < 20; ++attempt) {
+      const int pid = test::spawn(argv, env, wav + ".out", wav + ".err");
+      const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+      while (std::chrono::steady_clock::now() < limit) {
+        if (waitpid(pid, nullptr, WNOHANG) == pid) break;  // ended: try again
+        if (!test::run({"pactl", "list", "short", "source-outputs"}, env).out.empty()) return pid;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      }
     }
+    ADD_FAILURE() << "the recorder never connected: " << test::read_file(wav + ".err");
+    return -1;
   }
 };
 
@@ -211,6 +215,24 @@ std::size_t received_in_order(const std::vector<double>& got, const std::vector<
   return j;
 }
 
+// Polls `ready` every 20 ms; false only when `seconds` pass first (a hung
+// run: the limit never decides a healthy one, however busy the machine).
+template <typename Ready>
+bool wait_until(Ready ready, double seconds = 60.0) {
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (!ready()) {
+    if (std::chrono::steady_clock::now() > limit) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+std::size_t occurrences(const std::string& text, const std::string& what) {
+  std::size_t n = 0;
+  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
 // A paced live run into the server's virtual microphone: a recorder gets
 // every beam sample bit for bit.
 void beam_arrives_bit_for_bit(Server kind) {
@@ -227,15 +249,16 @@ void beam_arrives_bit_for_bit(Server kind) {
                                          "--live-duration", "4", "--pcm-output", fifo, "--event-output",
                                          tmp.path("status.json"), "--log", tmp.path("live.log")},
                                         env);
-  std::this_thread::sleep_for(std::chrono::milliseconds(700));
-  kill(recorder, SIGINT);
-  test::wait_child(recorder);
   ASSERT_EQ(run.exit_code, 0) << run.out;
   EXPECT_NE(run.out.find("live PCM output connected: " + fifo), std::string::npos) << run.out;
-
   const int chunks = std::stoi(run.out.substr(run.out.find("live chunks_processed: ") + 23));
-  ASSERT_GT(chunks, 40);
+  ASSERT_GT(chunks, 0);
   const std::string beam = test::library_beam_bytes(frames, 1024, static_cast<std::size_t>(chunks));
+  // The recorder is stopped once the last chunk's samples are in its file.
+  const std::string last_chunk = beam.substr(beam.size() - 2048);
+  EXPECT_TRUE(wait_until([&] { return test::read_file(tmp.path("rec.wav")).find(last_chunk) != std::string::npos; }));
+  kill(recorder, SIGINT);
+  test::wait_child(recorder);
   std::vector<double> want(beam.size() / 2);
   for (std::size_t i = 0; i < want.size(); ++i) {
     int16_t v;
@@ -267,7 +290,8 @@ TEST_P(VirtualMicrophone, ServerRestartDisconnectsAndReconnects) {
   test::PacedDevice device(tmp);
   Env env = pulse.env;
   env["XDG_CONFIG_HOME"] = tmp.path("config");
-  const int tool = test::spawn({test::tool_path(), "--live", "--device", "sonderlark_array", "--live-duration", "7",
+  // A continuous run, ended by SIGTERM once every phase was seen.
+  const int tool = test::spawn({test::tool_path(), "--live", "--device", "sonderlark_array", "--live-duration", "0",
                                 "--pcm-output", fifo, "--event-output", tmp.path("status.json"), "--log",
                                 tmp.path("live.log")},
                                env, tmp.path("tool.out"), tmp.path("tool.err"));
@@ -276,29 +300,27 @@ TEST_P(VirtualMicrophone, ServerRestartDisconnectsAndReconnects) {
     const std::size_t at = s.find("\"chunks_processed\": ");
     return at == std::string::npos ? 0 : std::stoi(s.substr(at + 20));
   };
-  std::this_thread::sleep_for(std::chrono::milliseconds(2000));
+  auto log = [&] { return test::read_file(tmp.path("live.log")); };
+  const std::string connected = "live PCM output connected: ";
+  const std::string disconnected = "warning: live PCM output reader disconnected; direction status will continue";
+  // Each phase waits for the event it needs: the status file keeps moving
+  // while the server is gone, and after it is back.
+  EXPECT_TRUE(wait_until([&] { return occurrences(log(), connected) == 1 && chunks_now() > 10; })) << log();
   const int before_restart = chunks_now();
   pulse.stop();  // the source removes the FIFO it made
-  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  EXPECT_TRUE(wait_until([&] { return log().find(disconnected) != std::string::npos; })) << log();
+  EXPECT_TRUE(wait_until([&] { return chunks_now() > before_restart + 10; }));
   const int while_down = chunks_now();
   pulse.start("server2");
+  EXPECT_TRUE(wait_until([&] { return occurrences(log(), connected) == 2; })) << log();
+  EXPECT_TRUE(wait_until([&] { return chunks_now() > while_down + 10; }));
+  kill(tool, SIGTERM);
   EXPECT_EQ(test::wait_child(tool), 0);
-  const std::string log = test::read_file(tmp.path("live.log"));
-  EXPECT_EQ(std::count(log.begin(), log.end(), '\n') > 0, true);
-  std::size_t connects = 0;
-  for (std::size_t at = log.find("live PCM output connected: "); at != std::string::npos;
-       at = log.find("live PCM output connected: ", at + 1)) {
-    ++connects;
-  }
-  EXPECT_EQ(connects, 2u) << log;
-  const std::size_t disconnect = log.find("warning: live PCM output reader disconnected; direction status will continue");
-  EXPECT_NE(disconnect, std::string::npos) << log;
-  EXPECT_LT(log.find("live PCM output connected: "), disconnect);
-  EXPECT_GT(log.rfind("live PCM output connected: "), disconnect);
-  // The status file kept moving while the server was gone, and after.
-  EXPECT_GT(before_restart, 10);
-  EXPECT_GT(while_down, before_restart + 10);
-  EXPECT_GT(chunks_now(), while_down + 10);
+  const std::string text = log();
+  EXPECT_EQ(occurrences(text, connected), 2u) << text;
+  EXPECT_EQ(occurrences(text, disconnected), 1u) << text;
+  EXPECT_LT(text.find(connected), text.find(disconnected));
+  EXPECT_GT(text.rfind(connected), text.find(disconnected));
   EXPECT_NE(test::read_file(tmp.path("status.json")).find("\"status\": \"stopped\""), std::string::npos);
 }
 

@@ -219,7 +219,7 @@ TEST(DoctorDevice, BusyDeviceNamesItsHolders) {
   // The shell opens the file before it becomes sleep: wait for the name too.
   const std::vector<std::string> expected{std::to_string(holder) + " (sleep)"};
   std::vector<std::string> holders;
-  for (int i = 0; i < 500 && holders != expected; ++i) {
+  for (int i = 0; i < 6000 && holders != expected; ++i) {  // a minute at most
     holders = processes_holding(tmp.path("pcmC7D"));
     if (holders != expected) usleep(10000);
   }

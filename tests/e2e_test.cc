@@ -80,7 +80,7 @@ struct SoundServer {
     pid = test::spawn({"pulseaudio", "-n", "-F", tmp.path("pa.pa"), "--exit-idle-time=-1", "--daemonize=no"}, env,
                       tmp.path(log_name + ".out"), tmp.path(log_name + ".err"));
     // Ready when the source is listed and its FIFO exists.
-    for (int i = 0; i < 100; ++i) {
+    for (int i = 0; i < 600; ++i) {  // a minute at most: only a hung start fails
       const test::RunResult r = test::run({"pactl", "list", "short", "sources"}, env);
       if (r.exit_code == 0 && (source_settings.empty() || (r.out.find("sonderlark_mic") != std::string::npos &&
                                                           fs::exists(fifo)))) {

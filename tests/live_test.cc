@@ -100,7 +100,7 @@ int spawn_fifo_reader(const std::string& fifo, const std::string& out) {
                                fifo, out},
                               {}, out + ".stdout", out + ".stderr");
   const std::string proc = "/proc/" + std::to_string(pid);
-  for (int i = 0; i < 500; ++i) {
+  for (int i = 0; i < 6000; ++i) {  // a minute at most
     if (test::read_file(proc + "/wchan").find("wait_for_partner") != std::string::npos) break;
     std::error_code ignored;
     bool open = false;

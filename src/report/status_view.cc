@@ -37,6 +37,9 @@ bool parse_timestamp(const std::string& text, std::time_t& out) {
   return true;
 }
 
+// Outside text is filtered before a line is cut to width, so that the width
+// counts what is shown; monitor_frame filters every line once more after the
+// cut, which may have split a sequence.
 std::string printable(const std::string& text) { return terminal_text(text); }
 
 std::string fit(const std::string& text, std::size_t width = 78) {

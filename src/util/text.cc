@@ -77,52 +77,62 @@ std::string read_text_file(const std::string& path) {
   return file.refused.empty() ? std::move(file.text) : std::string();
 }
 
+// Length of the well-formed UTF-8 sequence at text[i] (lead byte not ASCII),
+// or 0 when the byte does not start one: no overlong forms, no surrogates,
+// nothing above U+10FFFF.
+std::size_t utf8_sequence_length(std::string_view text, std::size_t i) {
+  const auto byte = [&](std::size_t k) { return static_cast<unsigned char>(text[k]); };
+  const unsigned char lead = byte(i);
+  std::size_t length = 0;
+  unsigned char low = 0x80;  // range of the second byte
+  unsigned char high = 0xBF;
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    length = 2;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    length = 3;
+    if (lead == 0xE0) low = 0xA0;
+    if (lead == 0xED) high = 0x9F;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    length = 4;
+    if (lead == 0xF0) low = 0x90;
+    if (lead == 0xF4) high = 0x8F;
+  } else {
+    return 0;
+  }
+  if (i + length > text.size()) return 0;
+  if (byte(i + 1) < low || byte(i + 1) > high) return 0;
+  for (std::size_t k = 2; k < length; ++k) {
+    if (byte(i + k) < 0x80 || byte(i + k) > 0xBF) return 0;
+  }
+  return length;
+}
+
 std::string terminal_text(std::string_view text) {
   std::string out;
   out.reserve(text.size());
-  const auto byte = [&text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-  const auto continuation = [&](std::size_t i) { return i < text.size() && (byte(i) & 0xC0) == 0x80; };
   for (std::size_t i = 0; i < text.size();) {
-    const unsigned char lead = byte(i);
+    const auto lead = static_cast<unsigned char>(text[i]);
     if (lead < 0x80) {
-      out += lead < 0x20 || lead == 0x7F ? '?' : static_cast<char>(lead);
+      out += lead < 0x20 || lead == 0x7F ? '?' : text[i];
       ++i;
       continue;
     }
-    // The length of a well-formed sequence starting here (shortest form, no
-    // surrogates, at most U+10FFFF), or 0.
-    std::size_t length = 0;
-    uint32_t code = 0;
-    if (lead >= 0xC2 && lead <= 0xDF) {
-      length = 2;
-      code = lead & 0x1Fu;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-      length = 3;
-      code = lead & 0x0Fu;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-      length = 4;
-      code = lead & 0x07u;
-    }
-    for (std::size_t k = 1; k < length; ++k) {
-      if (!continuation(i + k)) {
-        length = 0;
-        break;
-      }
-      code = (code << 6) | (byte(i + k) & 0x3Fu);
-    }
-    const bool shortest = (length == 3 && code >= 0x800) || (length == 4 && code >= 0x10000) || length == 2;
-    const bool valid = length > 0 && shortest && code <= 0x10FFFF && !(code >= 0xD800 && code <= 0xDFFF);
-    if (!valid) {
+    const std::size_t length = utf8_sequence_length(text, i);
+    if (length == 0) {
       out += '?';  // a stray byte
       ++i;
       continue;
     }
-    const bool hidden = (code >= 0x80 && code <= 0x9F) || (code >= 0x202A && code <= 0x202E) ||
-                        (code >= 0x2066 && code <= 0x2069);
-    if (hidden) {
+    const std::string_view sequence = text.substr(i, length);
+    const auto at = [&sequence](std::size_t k) { return static_cast<unsigned char>(sequence[k]); };
+    const bool c1 = length == 2 && at(0) == 0xC2 && at(1) <= 0x9F;  // U+0080-U+009F
+    const bool bidi = length == 3 && at(0) == 0xE2 &&
+                      ((at(1) == 0x80 && at(2) >= 0xAA && at(2) <= 0xAE) ||   // U+202A-U+202E
+                       (at(1) == 0x81 && at(2) >= 0xA6 && at(2) <= 0xA9));   // U+2066-U+2069
+    if (c1 || bidi) {
       out += '?';
     } else {
-      out.append(text.substr(i, length));
+      out.append(sequence);
     }
     i += length;
   }

@@ -31,6 +31,11 @@ FileText read_file_text(const std::string& path, bool follow_links = true);
 // The text of read_file_text(path, false); empty when it was not read.
 std::string read_text_file(const std::string& path);
 
+// Length of the well-formed UTF-8 sequence at text[i] (lead byte not ASCII),
+// or 0 when the byte does not start one: no overlong forms, no surrogates,
+// nothing above U+10FFFF.
+std::size_t utf8_sequence_length(std::string_view text, std::size_t i);
+
 // Text from outside the program made safe to write to a terminal: C0 and C1
 // controls, DEL, the bidirectional overrides and isolates (U+202A-U+202E,
 // U+2066-U+2069) and every byte that is not part of valid UTF-8 become '?',

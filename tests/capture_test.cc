@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "live/capture.h"
+#include "util/process.h"
 #include "support.h"
 
 namespace sonderlark {
@@ -66,7 +67,7 @@ TEST(StopCapture, DecodesRealChildrenLikeTheShell) {
     const CaptureStop stop = stop_capture(child);
     EXPECT_EQ(stop.raw_status, c.raw_status);
     EXPECT_EQ(stop.exit_code, c.exit_code);
-    EXPECT_EQ(child.fd, -1);
+    EXPECT_FALSE(child.fd.valid());
     EXPECT_EQ(child.pid, -1);
   }
   EXPECT_EQ(decode_exit_code(0x137F), 0x137F);  // a stopped child is reported raw

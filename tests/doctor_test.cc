@@ -11,8 +11,8 @@
 #include <nlohmann/json.hpp>
 #include <tuple>
 
-#include "cli/doctor.h"
-#include "cli/options.h"
+#include "doctor/doctor.h"
+#include "doctor/probes.h"
 #include "report/live_status.h"
 #include "support.h"
 
@@ -233,9 +233,17 @@ TEST(DoctorDevice, BusyDeviceNamesItsHolders) {
 TEST(DoctorStatus, FreshStaleTornAndMissing) {
   test::TempDir tmp;
   auto write = [&](const std::string& status, int seconds_ago) {
-    write_live_event_json(tmp.path("status.json"), Options{}, DirectionEstimate{}, ChannelDiagnostics{}, false, 42,
-                          false, true, status, status == "degraded" ? "arecord exited with nonzero status" : "",
-                          "arecord", 1, "");
+    write_live_status(tmp.path("status.json"),
+                      {.live_processing = true,
+                       .status = status,
+                       .error = status == "degraded" ? "arecord exited with nonzero status" : "",
+                       .device = "hw:1,0",
+                       .arecord_command = "arecord",
+                       .arecord_exit_code = 1,
+                       .chunks_processed = 42,
+                       .pcm_output = "/tmp/sonderlark-beamformed-mic.pcm",
+                       .direction_method = "processed multi-pair centered cross-correlation",
+                       .direction_samples_source = "processed"});
     std::string text = test::read_file(tmp.path("status.json"));
     const std::time_t then = std::time(nullptr) - seconds_ago;
     char stamp[32];

@@ -13,9 +13,8 @@
 #include <sstream>
 #include <thread>
 
-#include "cli/options.h"
 #include "report/live_status.h"
-#include "report/status_view.h"
+#include "monitor/frame.h"
 #include "support.h"
 
 namespace sonderlark {
@@ -29,17 +28,22 @@ std::string monitor_path() { return test::program_path("sonderlark-monitor"); }
 // unless that is empty.
 void write_record(const std::string& path, const std::string& status, const std::string& error, int exit_code,
                   const std::string& stderr_text, const std::string& timestamp = "") {
-  DirectionEstimate direction;
-  direction.angle_degrees = 48.590377890729;
-  direction.confidence = 0.27;
-  direction.low_confidence = true;
-  direction.samples_source = "processed-live";
-  ChannelDiagnostics levels;
-  levels.rms = {0.1, 0.0316, 0.001, 0.0};
-  Options options;
-  options.pcm_output_path = "/run/user/1000/sonderlark-beamformed-mic.pcm";
-  write_live_event_json(path, options, direction, levels, true, 4321, status == "running", status == "running", status,
-                        error, "arecord -D 'hw:1,0' -f S32_LE -r 16000 -c 4 -t raw", exit_code, stderr_text);
+  write_live_status(path, {.live_processing = status == "running",
+                           .status = status,
+                           .error = error,
+                           .device = "hw:1,0",
+                           .arecord_command = "arecord -D 'hw:1,0' -f S32_LE -r 16000 -c 4 -t raw",
+                           .arecord_exit_code = exit_code,
+                           .arecord_stderr = stderr_text,
+                           .chunks_processed = 4321,
+                           .pcm_output = "/run/user/1000/sonderlark-beamformed-mic.pcm",
+                           .pcm_output_connected = status == "running",
+                           .direction_angle_degrees = 48.590377890729,
+                           .direction_confidence = 0.27,
+                           .direction_method = "processed multi-pair centered cross-correlation",
+                           .direction_samples_source = "processed-live",
+                           .detected_speech = true,
+                           .processed_channel_rms = {0.1, 0.0316, 0.001, 0.0}});
   if (timestamp.empty()) return;
   std::string text = test::read_file(path);
   text.replace(text.find("\"timestamp\": \"") + 14, 20, timestamp);
@@ -304,13 +308,17 @@ std::string payload(const std::string& field) {
 std::string shown(const std::string& field) { return "?]2;PWNED-" + field + "??31m?0;PWNED?-end"; }
 
 void write_hostile_record(const std::string& path, const std::string& status, const std::string& timestamp = "") {
-  DirectionEstimate direction;
-  Options options;
-  options.device = payload("device");
-  options.pcm_output_path = payload("pcm");
-  write_live_event_json(path, options, direction, ChannelDiagnostics{}, false, 7, false, true,
-                        status.empty() ? payload("status") : status, payload("error"), payload("command"), 1,
-                        payload("stderr"));
+  write_live_status(path, {.live_processing = true,
+                           .status = status.empty() ? payload("status") : status,
+                           .error = payload("error"),
+                           .device = payload("device"),
+                           .arecord_command = payload("command"),
+                           .arecord_exit_code = 1,
+                           .arecord_stderr = payload("stderr"),
+                           .chunks_processed = 7,
+                           .pcm_output = payload("pcm"),
+                           .direction_method = "processed multi-pair centered cross-correlation",
+                           .direction_samples_source = "processed"});
   std::string text = test::read_file(path);
   if (timestamp.empty()) {
     const std::time_t now = std::time(nullptr);

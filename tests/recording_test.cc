@@ -9,7 +9,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "dsp/chain.h"
+#include "dsp/gain.h"
 #include "dsp/diagnostics.h"
 #include "dsp/recording.h"
 #include "support.h"
@@ -87,19 +87,23 @@ std::string dump(const ChannelDiagnostics& raw, const std::vector<std::string>& 
 
 // The whole-record stages, as the live loop runs them, on the decoded file.
 std::string whole_record(const std::string& path, double gain_db) {
-  WavData input = read_wav(path);
-  const ChannelDiagnostics raw = diagnose_channels(input, "raw channel");
-  const int32_t rate = input.sample_rate;
-  ChainResult chain = run_chain(std::move(input), gain_db, "processed channel", "processed");
-  const ChannelDiagnostics beamformed = diagnose_channels(test::record({chain.beam.samples}, rate, 16), "beamformed channel");
-  return dump(raw, chain.gain_warnings, chain.processed, chain.direction, chain.beam, chain.beam.samples, beamformed);
+  const WavData input = read_wav(path);
+  std::vector<std::string> gain_warnings;
+  const WavData processed = apply_input_gain(input, gain_db, gain_warnings);
+  const DirectionEstimate direction = estimate_direction(processed, "processed");
+  const BeamformResult beam = beamform_delay_and_sum(processed, direction);
+  const ChannelDiagnostics beamformed =
+      diagnose_channels(test::record({beam.samples}, input.sample_rate, 16), "beamformed channel");
+  return dump(diagnose_channels(input, "raw channel"), gain_warnings,
+              diagnose_channels(processed, "processed channel"), direction, beam, beam.samples, beamformed);
 }
 
 std::string streamed(const std::vector<std::string>& paths, double gain_db, std::size_t block) {
   const WavSource source = open_wav_source(paths);
   std::vector<double> beam;
   const RecordingAnalysis a = analyse_recording(
-      source, gain_db, [&beam](const double* s, std::size_t n) { beam.insert(beam.end(), s, s + n); }, block);
+      frames_of(source), gain_db, [&beam](const double* s, std::size_t n) { beam.insert(beam.end(), s, s + n); }, {},
+      block);
   return dump(a.raw, a.gain_warnings, a.processed, a.direction, a.beam, beam, a.beamformed);
 }
 

@@ -16,14 +16,21 @@ namespace {
 namespace fs = std::filesystem;
 
 void write_status(const std::string& path, const std::string& status, int64_t chunks) {
-  Options options;
-  options.input_gain_db = -3.0;
-  ChannelDiagnostics levels{{0.5, 0.25}, {}, {}, {}};
-  DirectionEstimate direction;
-  direction.angle_degrees = -12.5;
-  direction.confidence = 0.4;
-  write_live_event_json(path, options, direction, levels, true, chunks, false, true, status, "",
-                        "arecord -D 'hw:1,0' -f S32_LE -r 16000 -c 4 -t raw", 1, "line\n\"quoted\"");
+  write_live_status(path, {.live_processing = true,
+                           .status = status,
+                           .device = "hw:1,0",
+                           .arecord_command = "arecord -D 'hw:1,0' -f S32_LE -r 16000 -c 4 -t raw",
+                           .arecord_exit_code = 1,
+                           .arecord_stderr = "line\n\"quoted\"",
+                           .input_gain_db = -3.0,
+                           .chunks_processed = chunks,
+                           .pcm_output = "/tmp/sonderlark-beamformed-mic.pcm",
+                           .direction_angle_degrees = -12.5,
+                           .direction_confidence = 0.4,
+                           .direction_method = "processed multi-pair centered cross-correlation",
+                           .direction_samples_source = "processed",
+                           .detected_speech = true,
+                           .processed_channel_rms = {0.5, 0.25}});
 }
 
 // Set SONDERLARK_UPDATE_GOLDEN=1 to rewrite the file after a deliberate change.

@@ -1,6 +1,6 @@
 #include "support.h"
 
-#include "dsp/chain.h"
+#include "live/live_mode.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -166,15 +166,10 @@ std::string library_beam_bytes(const std::string& frames, std::size_t chunk_fram
   std::string pcm;
   const std::size_t available = frames.size() / 16;
   for (std::size_t k = 0; k < chunks; ++k) {
-    std::vector<std::vector<double>> channels(4, std::vector<double>(chunk_frames, 0.0));
-    for (std::size_t f = 0; f < chunk_frames && k * chunk_frames + f < available; ++f) {
-      for (std::size_t c = 0; c < 4; ++c) {
-        int32_t s;
-        std::memcpy(&s, frames.data() + ((k * chunk_frames + f) * 4 + c) * 4, 4);  // little-endian host
-        channels[c][f] = s / 2147483648.0;
-      }
-    }
-    for (double x : run_chain(record(channels), 0.0, "live processed channel", "processed-live").beam.samples) {
+    std::vector<int32_t> chunk(chunk_frames * 4, 0);
+    const std::size_t have = k * chunk_frames < available ? std::min(chunk_frames, available - k * chunk_frames) : 0;
+    std::memcpy(chunk.data(), frames.data() + k * chunk_frames * 16, have * 16);  // little-endian host
+    for (double x : analyse_chunk(chunk.data(), chunk_frames, 0.0).beam) {
       write_le16(pcm, static_cast<uint16_t>(pcm16_from_sample(x)));
     }
   }

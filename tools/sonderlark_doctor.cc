@@ -1,5 +1,5 @@
 // sonderlark-doctor: checks the array, its channels, the gain, the channel
 // order, the virtual microphone and the live status before a run is trusted.
-#include "cli/doctor.h"
+#include "doctor/doctor.h"
 
 int main(int argc, char** argv) { return sonderlark::run_doctor(argc, argv); }

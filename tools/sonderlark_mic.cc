@@ -26,7 +26,10 @@
 #include <cstring>
 #include <ctime>
 #include <iostream>
+#include <optional>
 #include <string>
+
+#include "util/args.h"
 
 namespace {
 
@@ -268,60 +271,53 @@ SessionEnd run_session(Mic& mic, bool& connected_once) {
   return mic.lost ? SessionEnd::kLost : SessionEnd::kStopped;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  std::string fifo_path;
-  std::string name = "sonderlark_mic";
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      usage(argv[0]);
+// Nothing to go on, else the exit status. The FIFO defaults to the
+// private runtime folder's.
+std::optional<int> parse_mic_args(int argc, char** argv, std::string& fifo_path, std::string& name) {
+  sonderlark::ArgReader args{argc, argv};
+  const std::string program = sonderlark::program_name(args, "sonderlark-mic");
+  while (const std::optional<std::string> arg = sonderlark::next_arg(args)) {
+    if (*arg == "--help" || *arg == "-h") {
+      usage(program.c_str());
       return 0;
     }
-    if ((arg == "--fifo" || arg == "--name") && i + 1 < argc && argv[i + 1][0] != '\0') {
-      (arg == "--fifo" ? fifo_path : name) = argv[++i];
-      continue;
+    const bool takes_value = *arg == "--fifo" || *arg == "--name";
+    const std::optional<std::string> value =
+        takes_value && args.next < argc && argv[args.next][0] != '\0' ? sonderlark::next_arg(args) : std::nullopt;
+    if (!value) {
+      std::cerr << "unknown or incomplete option: " << *arg << "\n";
+      usage(program.c_str());
+      return 2;
     }
-    std::cerr << "unknown or incomplete option: " << arg << "\n";
-    usage(argv[0]);
-    return 2;
+    (*arg == "--fifo" ? fifo_path : name) = *value;
   }
   if (fifo_path.empty()) {
     const char* runtime = std::getenv("XDG_RUNTIME_DIR");
     if (runtime == nullptr || *runtime == '\0') {
       std::cerr << "sonderlark-mic: no --fifo and no XDG_RUNTIME_DIR to put it in\n";
-      usage(argv[0]);
+      usage(program.c_str());
       return 2;
     }
     fifo_path = std::string(runtime) + "/sonderlark-beamformed-mic.pcm";
   }
-  bool created = false;
-  std::string refused = claim_fifo(fifo_path, created);
-  Mic mic;
-  mic.name = name;
-  int keep_open = -1;  // a writer of our own: the FIFO never reads as ended between runs
-  if (refused.empty()) {
-    mic.fifo = open(fifo_path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-    keep_open = mic.fifo >= 0 ? open(fifo_path.c_str(), O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC) : -1;
-    struct stat info {};
-    if (mic.fifo < 0 || keep_open < 0 || fstat(mic.fifo, &info) != 0 || !S_ISFIFO(info.st_mode)) {
-      refused = mic.fifo < 0 || keep_open < 0 ? std::strerror(errno) : "not a FIFO";
-    }
-  }
-  if (!refused.empty()) {
-    std::cerr << "sonderlark-mic: " << fifo_path << " refused: " << refused << "\n";
-    if (created) unlink(fifo_path.c_str());
-    return 1;
-  }
+  return std::nullopt;
+}
 
-  pw_init(&argc, &argv);
-  g_loop = pw_main_loop_new(nullptr);
-  mic.loop = pw_main_loop_get_loop(g_loop);
-  pw_loop_add_signal(mic.loop, SIGINT, on_signal, nullptr);
-  pw_loop_add_signal(mic.loop, SIGTERM, on_signal, nullptr);
-  mic.fifo_source = pw_loop_add_io(mic.loop, mic.fifo, SPA_IO_IN, false, on_fifo, &mic);
-  mic.timer = pw_loop_add_timer(mic.loop, on_timer, &mic);
+// Opens the claimed FIFO for reading into mic.fifo, and for writing into
+// `keep_open` (a writer of our own: the FIFO never reads as ended between
+// runs). Why it was refused, or empty.
+std::string open_fifo(const std::string& fifo_path, Mic& mic, int& keep_open) {
+  mic.fifo = open(fifo_path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+  keep_open = mic.fifo >= 0 ? open(fifo_path.c_str(), O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC) : -1;
+  struct stat info {};
+  if (mic.fifo < 0 || keep_open < 0 || fstat(mic.fifo, &info) != 0 || !S_ISFIFO(info.st_mode)) {
+    return mic.fifo < 0 || keep_open < 0 ? std::strerror(errno) : "not a FIFO";
+  }
+  return "";
+}
+
+// Sessions with the server until stopped; a second between attempts.
+void serve(Mic& mic) {
   bool connected_once = false;
   while (g_stop == 0) {
     const SessionEnd end = run_session(mic, connected_once);
@@ -342,6 +338,34 @@ int main(int argc, char** argv) {
       pw_loop_leave(mic.loop);
     }
   }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string fifo_path;
+  std::string name = "sonderlark_mic";
+  if (const std::optional<int> status = parse_mic_args(argc, argv, fifo_path, name)) return *status;
+  bool created = false;
+  std::string refused = claim_fifo(fifo_path, created);
+  Mic mic;
+  mic.name = name;
+  int keep_open = -1;
+  if (refused.empty()) refused = open_fifo(fifo_path, mic, keep_open);
+  if (!refused.empty()) {
+    std::cerr << "sonderlark-mic: " << fifo_path << " refused: " << refused << "\n";
+    if (created) unlink(fifo_path.c_str());
+    return 1;
+  }
+
+  pw_init(&argc, &argv);
+  g_loop = pw_main_loop_new(nullptr);
+  mic.loop = pw_main_loop_get_loop(g_loop);
+  pw_loop_add_signal(mic.loop, SIGINT, on_signal, nullptr);
+  pw_loop_add_signal(mic.loop, SIGTERM, on_signal, nullptr);
+  mic.fifo_source = pw_loop_add_io(mic.loop, mic.fifo, SPA_IO_IN, false, on_fifo, &mic);
+  mic.timer = pw_loop_add_timer(mic.loop, on_timer, &mic);
+  serve(mic);
   pw_loop_destroy_source(mic.loop, mic.timer);
   pw_loop_destroy_source(mic.loop, mic.fifo_source);
   pw_main_loop_destroy(g_loop);

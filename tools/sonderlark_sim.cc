@@ -9,11 +9,15 @@
 #include <fstream>
 #include <random>
 #include <iostream>
+#include <optional>
+#include <stdexcept>
+#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "audio/array_sim.h"
 #include "audio/wav.h"
+#include "util/args.h"
 
 namespace {
 
@@ -35,112 +39,108 @@ void usage(const char* program) {
             << "  --swap A:B       Channels A and B change places.\n";
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  using namespace sonderlark;
+// What the program is told besides the simulation itself.
+struct SimOptions {
   std::string input_path;
   std::string output_path;
-  ArraySimulation sim;
+  sonderlark::ArraySimulation sim;
   double gain_db = 0.0;
   long repeat = 1;
   bool raw = false;
-  int tap = -1;
-  std::vector<std::pair<int, double>> channel_gains_db, channel_noise;
-  std::vector<std::pair<int, int>> swaps;
-  // "C:X" as a channel and a number.
-  auto channel_and = [](const std::string& text) {
-    const std::size_t colon = text.find(':');
-    if (colon == std::string::npos) throw std::runtime_error("expected CHANNEL:VALUE, got " + text);
-    return std::pair<int, double>{std::stoi(text.substr(0, colon)), std::stod(text.substr(colon + 1))};
-  };
-  try {
-    for (int i = 1; i < argc; ++i) {
-      const std::string arg = argv[i];
-      auto value = [&]() -> std::string {
-        if (i + 1 >= argc) throw std::runtime_error(arg + " requires a value");
-        return argv[++i];
-      };
-      if (arg == "--help" || arg == "-h") {
-        usage(argv[0]);
-        return 0;
-      } else if (arg == "--input") {
-        input_path = value();
-      } else if (arg == "--output") {
-        output_path = value();
-      } else if (arg == "--lag") {
-        sim.end_to_end_lag = std::stod(value());
-      } else if (arg == "--angle") {
-        sim.end_to_end_lag = lag_for_angle(std::stod(value()));
-      } else if (arg == "--noise-rms") {
-        sim.noise_rms = std::stod(value());
-      } else if (arg == "--gain-db") {
-        gain_db = std::stod(value());
-      } else if (arg == "--repeat") {
-        repeat = std::stol(value());
-      } else if (arg == "--seed") {
-        sim.seed = static_cast<uint32_t>(std::stoul(value()));
-      } else if (arg == "--raw") {
-        raw = true;
-      } else if (arg == "--tap") {
-        tap = std::stoi(value());
-      } else if (arg == "--dead-channel") {
-        channel_gains_db.emplace_back(std::stoi(value()), -1000.0);
-      } else if (arg == "--channel-gain-db") {
-        channel_gains_db.push_back(channel_and(value()));
-      } else if (arg == "--channel-noise-rms") {
-        channel_noise.push_back(channel_and(value()));
-      } else if (arg == "--swap") {
-        const auto [a, b] = channel_and(value());
-        swaps.emplace_back(a, static_cast<int>(b));
-      } else {
-        throw std::runtime_error("unknown argument: " + arg);
-      }
-    }
-    if (input_path.empty() || output_path.empty() || repeat < 1) {
-      usage(argv[0]);
-      return 2;
-    }
+};
 
-    const WavData source = read_wav(input_path);
-    const double gain = std::pow(10.0, gain_db / 20.0);
+// Throws std::runtime_error naming the option when `value` is not a number.
+template <typename T>
+T number(const std::string& option, const std::string& value, std::optional<T> parsed) {
+  if (!parsed) throw std::runtime_error("invalid value for " + option + ": " + value);
+  return *parsed;
+}
+
+// "C:X" as a channel and a number.
+std::pair<int32_t, double> channel_and(const std::string& option, const std::string& text) {
+  const std::size_t colon = text.find(':');
+  if (colon == std::string::npos) throw std::runtime_error("expected CHANNEL:VALUE, got " + text);
+  return {number(option, text, sonderlark::leading_int(text.substr(0, colon))),
+          number(option, text, sonderlark::leading_number(text.substr(colon + 1)))};
+}
+
+// Sets option `arg` from `value`; false for an option that does not exist.
+bool set_option(SimOptions& o, const std::string& arg, const std::string& value) {
+  using sonderlark::leading_int;
+  using sonderlark::leading_number;
+  sonderlark::ArraySimulation& sim = o.sim;
+  if (arg == "--input") o.input_path = value;
+  else if (arg == "--output") o.output_path = value;
+  else if (arg == "--lag") sim.end_to_end_lag = number(arg, value, leading_number(value));
+  else if (arg == "--angle") sim.end_to_end_lag = sonderlark::lag_for_angle(number(arg, value, leading_number(value)));
+  else if (arg == "--noise-rms") sim.noise_rms = number(arg, value, leading_number(value));
+  else if (arg == "--gain-db") o.gain_db = number(arg, value, leading_number(value));
+  else if (arg == "--repeat") o.repeat = number(arg, value, leading_int(value));
+  else if (arg == "--seed") sim.seed = static_cast<uint32_t>(number(arg, value, sonderlark::whole_number(value, 0, UINT32_MAX)));
+  else if (arg == "--tap") sim.tap = number(arg, value, leading_int(value));
+  else if (arg == "--dead-channel") sim.channel_gains_db.emplace_back(number(arg, value, leading_int(value)), -1000.0);
+  else if (arg == "--channel-gain-db") sim.channel_gains_db.push_back(channel_and(arg, value));
+  else if (arg == "--channel-noise-rms") sim.channel_noise_rms.push_back(channel_and(arg, value));
+  else if (arg == "--swap") {
+    const auto [a, b] = channel_and(arg, value);
+    sim.swaps.emplace_back(a, static_cast<int32_t>(b));
+  } else return false;
+  return true;
+}
+
+// Nothing to go on, else the exit status. Throws on a refused line.
+std::optional<int> parse_sim_args(int argc, char** argv, SimOptions& o) {
+  sonderlark::ArgReader args{argc, argv};
+  const std::string program = sonderlark::program_name(args, "sonderlark-sim");
+  while (const std::optional<std::string> arg = sonderlark::next_arg(args)) {
+    if (*arg == "--help" || *arg == "-h") {
+      usage(program.c_str());
+      return 0;
+    }
+    if (*arg == "--raw") {
+      o.raw = true;
+      continue;
+    }
+    const std::optional<std::string> value = sonderlark::next_arg(args);
+    if (!value) throw std::runtime_error(*arg + " requires a value");
+    if (!set_option(o, *arg, *value)) throw std::runtime_error("unknown argument: " + *arg);
+  }
+  if (o.input_path.empty() || o.output_path.empty() || o.repeat < 1) {
+    usage(program.c_str());
+    return 2;
+  }
+  return std::nullopt;
+}
+
+// The simulated recording, as a WAV file or raw frames.
+void write_recording(const SimOptions& o, int32_t sample_rate, const std::vector<uint8_t>& frames) {
+  std::ofstream out(o.output_path, std::ios::binary | std::ios::trunc);
+  if (!out) throw std::runtime_error("cannot write " + o.output_path);
+  if (!o.raw) {
+    if (frames.size() > 0xFFFFFFFFu - 36u) throw std::runtime_error("too long for a WAV file; use --raw");
+    const std::vector<uint8_t> header =
+        sonderlark::wav_header(sample_rate, o.sim.channels, 32, static_cast<uint32_t>(frames.size()));
+    out.write(reinterpret_cast<const char*>(header.data()), static_cast<std::streamsize>(header.size()));
+  }
+  out.write(reinterpret_cast<const char*>(frames.data()), static_cast<std::streamsize>(frames.size()));
+  if (!out.flush()) throw std::runtime_error("failed writing " + o.output_path);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  SimOptions o;
+  try {
+    if (const std::optional<int> status = parse_sim_args(argc, argv, o)) return *status;
+    const sonderlark::WavData source = sonderlark::read_wav(o.input_path);
+    const double gain = std::pow(10.0, o.gain_db / 20.0);
     std::vector<double> mono;
-    mono.reserve(source.samples[0].size() * static_cast<std::size_t>(repeat));
-    for (long r = 0; r < repeat; ++r) {
+    mono.reserve(source.samples[0].size() * static_cast<std::size_t>(o.repeat));
+    for (long r = 0; r < o.repeat; ++r) {
       for (double v : source.samples[0]) mono.push_back(v * gain);
     }
-    std::vector<std::vector<double>> channels = simulate_array(mono, sim);
-    if (tap >= 0) {
-      for (int c = 0; c < sim.channels; ++c) {
-        const int distance = std::abs(c - tap);
-        std::vector<double>& ch = channels[static_cast<std::size_t>(c)];
-        std::fill(ch.begin(), ch.end(), 0.0);
-        for (std::size_t i = 0; i + 2 * distance < ch.size(); ++i) ch[i + 2 * distance] = mono[i] / (1 + distance);
-      }
-    }
-    std::mt19937 rng(sim.seed + 1000);
-    for (const auto& [c, rms] : channel_noise) {
-      std::normal_distribution<double> noise(0.0, rms);
-      for (double& x : channels.at(static_cast<std::size_t>(c))) x += noise(rng);
-    }
-    for (const auto& [c, gain] : channel_gains_db) {
-      for (double& x : channels.at(static_cast<std::size_t>(c))) x = gain <= -1000.0 ? 0.0 : x * std::pow(10.0, gain / 20.0);
-    }
-    for (const auto& [a, b] : swaps) std::swap(channels.at(static_cast<std::size_t>(a)), channels.at(static_cast<std::size_t>(b)));
-    const std::vector<uint8_t> frames = interleave_s32le(channels);
-
-    std::ofstream out(output_path, std::ios::binary | std::ios::trunc);
-    if (!out) throw std::runtime_error("cannot write " + output_path);
-    if (!raw) {
-      if (frames.size() > 0xFFFFFFFFu - 36u) throw std::runtime_error("too long for a WAV file; use --raw");
-      const std::vector<uint8_t> header =
-          wav_header(source.sample_rate, sim.channels, 32, static_cast<uint32_t>(frames.size()));
-      out.write(reinterpret_cast<const char*>(header.data()), static_cast<std::streamsize>(header.size()));
-    }
-    out.write(reinterpret_cast<const char*>(frames.data()), static_cast<std::streamsize>(frames.size()));
-    if (!out.flush()) throw std::runtime_error("failed writing " + output_path);
-    std::cerr << "simulated end-to-end lag " << sim.end_to_end_lag << " samples, "
-              << mono.size() << " frames\n";
+    write_recording(o, source.sample_rate, sonderlark::interleave_s32le(sonderlark::simulate_array(mono, o.sim)));
+    std::cerr << "simulated end-to-end lag " << o.sim.end_to_end_lag << " samples, " << mono.size() << " frames\n";
     return 0;
   } catch (const std::exception& e) {
     std::cerr << "sonderlark-sim: " << e.what() << '\n';

@@ -1,6 +1,8 @@
 #include "audio/array_sim.h"
 
 #include <cmath>
+#include <cstdlib>
+#include <algorithm>
 #include <random>
 
 namespace sonderlark {
@@ -50,6 +52,32 @@ std::vector<double> delayed(const std::vector<double>& x, double delay) {
 
 double lag_for_angle(double angle_degrees) { return 8.0 * std::sin(angle_degrees * kPi / 180.0); }
 
+namespace {
+
+void add_faults(const std::vector<double>& mono, const ArraySimulation& sim, std::vector<std::vector<double>>& channels) {
+  if (sim.tap >= 0) {
+    for (int32_t c = 0; c < sim.channels; ++c) {
+      const int distance = std::abs(c - sim.tap);
+      std::vector<double>& ch = channels[static_cast<std::size_t>(c)];
+      std::fill(ch.begin(), ch.end(), 0.0);
+      for (std::size_t i = 0; i + 2 * distance < ch.size(); ++i) ch[i + 2 * distance] = mono[i] / (1 + distance);
+    }
+  }
+  std::mt19937 rng(sim.seed + 1000);
+  for (const auto& [c, rms] : sim.channel_noise_rms) {
+    std::normal_distribution<double> noise(0.0, rms);
+    for (double& x : channels.at(static_cast<std::size_t>(c))) x += noise(rng);
+  }
+  for (const auto& [c, db] : sim.channel_gains_db) {
+    for (double& x : channels.at(static_cast<std::size_t>(c))) x = db <= -1000.0 ? 0.0 : x * std::pow(10.0, db / 20.0);
+  }
+  for (const auto& [a, b] : sim.swaps) {
+    std::swap(channels.at(static_cast<std::size_t>(a)), channels.at(static_cast<std::size_t>(b)));
+  }
+}
+
+}  // namespace
+
 std::vector<std::vector<double>> simulate_array(const std::vector<double>& mono, const ArraySimulation& sim) {
   std::vector<std::vector<double>> out;
   // Uniform noise straight from the generator's integers: the same values
@@ -64,6 +92,7 @@ std::vector<std::vector<double>> simulate_array(const std::vector<double>& mono,
     }
     out.push_back(std::move(channel));
   }
+  add_faults(mono, sim, out);
   return out;
 }
 

@@ -71,6 +71,10 @@ WavSource open_wav_source(const std::vector<std::string>& paths);
 void read_frames(const WavSource& source, uint64_t first, uint64_t count, double* const* out,
                  std::vector<uint8_t>& scratch);
 
+// Decodes `frames` whole frames of PCM laid out as `format` says (16 or 32
+// bits, `format.channels` interleaved) from p into out[c][0 .. frames).
+void decode_frames(const uint8_t* p, uint64_t frames, const WavData& format, double* const* out);
+
 // Appends `value` to `out` as 4 bytes, least significant first.
 void write_le32(std::string& out, uint32_t value);
 // Appends `value` to `out` as 2 bytes, least significant first.

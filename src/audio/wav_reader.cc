@@ -134,25 +134,6 @@ void decode_four_s32(const uint8_t* p, uint64_t frames, double* const* out) {
   }
 }
 
-// Decodes the `frames` whole frames at p into out[c][0 .. frames).
-void decode_frames(const uint8_t* p, uint64_t frames, const WavData& format, double* const* out) {
-  const std::size_t channels = static_cast<std::size_t>(format.channels);
-  if (channels == 4 && format.bits_per_sample == 32) {
-    decode_four_s32(p, frames, out);
-    return;
-  }
-  // Frame by frame, reading the bytes in their order: a wide frame read
-  // channel by channel would stride through memory a frame apart.
-  const uint64_t size = frame_bytes(format);
-  for (uint64_t f = 0; f < frames; ++f, p += size) {
-    const uint8_t* in = p;
-    if (format.bits_per_sample == 16) {
-      for (std::size_t c = 0; c < channels; ++c, in += 2) out[c][f] = static_cast<int16_t>(le16(in)) * kScale16;
-    } else {
-      for (std::size_t c = 0; c < channels; ++c, in += 4) out[c][f] = static_cast<int32_t>(le32(in)) * kScale32;
-    }
-  }
-}
 
 // Appends the `frames` whole frames at p to the channels of `wav`.
 void append_frames(const uint8_t* p, uint64_t frames, WavData& wav) {
@@ -304,6 +285,25 @@ WavPart open_part(const std::string& path, bool split_part, Layout& layout) {
 }
 
 }  // namespace
+
+void decode_frames(const uint8_t* p, uint64_t frames, const WavData& format, double* const* out) {
+  const std::size_t channels = static_cast<std::size_t>(format.channels);
+  if (channels == 4 && format.bits_per_sample == 32) {
+    decode_four_s32(p, frames, out);
+    return;
+  }
+  // Frame by frame, reading the bytes in their order: a wide frame read
+  // channel by channel would stride through memory a frame apart.
+  const uint64_t size = frame_bytes(format);
+  for (uint64_t f = 0; f < frames; ++f, p += size) {
+    const uint8_t* in = p;
+    if (format.bits_per_sample == 16) {
+      for (std::size_t c = 0; c < channels; ++c, in += 2) out[c][f] = static_cast<int16_t>(le16(in)) * kScale16;
+    } else {
+      for (std::size_t c = 0; c < channels; ++c, in += 4) out[c][f] = static_cast<int32_t>(le32(in)) * kScale32;
+    }
+  }
+}
 
 WavData parse_wav(std::span<const uint8_t> bytes, const std::string& path) {
   auto fetch = [bytes](uint64_t offset, uint64_t n, uint8_t* out) {

@@ -8,13 +8,14 @@
 #include <string>
 #include <vector>
 
-#include "cli/exit_status.h"
+#include "util/exit_status.h"
 #include "cli/one_shot.h"
 #include "cli/options.h"
 #include "live/capture.h"
 #include "live/live_mode.h"
 #include "util/files.h"
 #include "util/logger.h"
+#include "util/process.h"
 #include "util/text.h"
 
 namespace sonderlark {
@@ -29,7 +30,7 @@ int run_one_shot(Options& options, Logger& logger) {
     logger.line("capture command: " + command);
     std::cout.flush();  // our lines before arecord's own output
     const std::time_t started = std::time(nullptr);
-    const int status = std::system(command.c_str());
+    const int status = run_in_foreground(command);
     if (status != 0) {
       logger.line("error: arecord capture failed with status " + std::to_string(status));
       return kExitCaptureFailed;
@@ -58,19 +59,20 @@ int run_sonderlark(int argc, char** argv) {
   // kills the run halfway through its outputs.
   ignore_write_signals();
   Options options;
-  if (!parse_args(argc, argv, options)) {
-    print_usage(argc > 0 && argv[0] != nullptr ? argv[0] : "sonderlark");
-    return kExitUsage;
-  }
+  if (const std::optional<int> status = parse_args(argc, argv, options)) return *status;
 
   Logger logger;
   open_log(logger, options.log_path);
-  logger.line("Sonderlark v1.4.0 capture/live-global-mic/input-gain/direction/beamforming/event tool");
+  logger.line("Sonderlark v" SONDERLARK_VERSION " capture/live-global-mic/input-gain/direction/beamforming/event tool");
   logger.line("scope: Sonderscope only; no Halcyra integration; no system audio configuration changes");
   logger.line("device: " + options.device);
 
   try {
-    if (options.live) return run_live_mode(options, logger);
+    if (options.live) {
+      return run_live_mode({options.device, options.input_gain_db, options.live_duration_seconds,
+                            options.live_chunk_frames, options.pcm_output_path, options.event_output_path},
+                           logger);
+    }
     return run_one_shot(options, logger);
   } catch (const std::exception& e) {
     logger.line(std::string("error: ") + e.what());

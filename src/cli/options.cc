@@ -1,99 +1,65 @@
 #include "cli/options.h"
 
 #include <cmath>
-#include <cstdlib>
 #include <iostream>
-#include <stdexcept>
+#include <iterator>
+
+#include "util/args.h"
+#include "util/exit_status.h"
 
 namespace sonderlark {
 namespace {
 
-// A value that does not convert is refused like any other bad command line.
-struct InvalidValue {
-  std::string option;
-  std::string text;
-};
-
-int32_t to_int(const std::string& option, const std::string& text) {
-  try {
-    return std::stoi(text);
-  } catch (const std::logic_error&) {  // invalid_argument or out_of_range
-    throw InvalidValue{option, text};
+// The options that take a value.
+bool takes_value(const std::string& arg) {
+  for (const char* name : {"--duration", "--device", "--output", "--beamformed", "--event", "--log", "--input-gain-db",
+                           "--pcm-output", "--live-duration", "--live-chunk-frames", "--event-output", "--input-wav"}) {
+    if (arg == name) return true;
   }
+  return false;
 }
 
-double to_double(const std::string& option, const std::string& text) {
-  try {
-    return std::stod(text);
-  } catch (const std::logic_error&) {
-    throw InvalidValue{option, text};
-  }
+// The integer value of `arg`, or nothing after saying why.
+std::optional<int32_t> int_value(const std::string& arg, const std::string& value) {
+  const std::optional<int32_t> n = leading_int(value);
+  if (!n) std::cerr << "invalid value for " << arg << ": " << value << '\n';
+  return n;
 }
 
-bool parse_walk(int argc, char** argv, Options& options) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      print_usage(argv[0]);
-      std::cout.flush();
-      std::exit(0);
-    }
-    if (arg == "--live") {
-      options.live = true;
-      continue;
-    }
-    if (arg == "--skip-capture") {
-      options.skip_capture = true;
-      continue;
-    }
-    const bool takes_value =
-        arg == "--duration" || arg == "--device" || arg == "--output" || arg == "--beamformed" ||
-        arg == "--event" || arg == "--log" || arg == "--input-gain-db" || arg == "--pcm-output" ||
-        arg == "--live-duration" || arg == "--live-chunk-frames" || arg == "--event-output" ||
-        arg == "--input-wav";
-    if (!takes_value) {
-      std::cerr << "Unknown argument: " << arg << '\n';
+// Sets option `arg` from its value; false when the value is refused.
+bool set_value(Options& options, const std::string& arg, const std::string& value) {
+  if (arg == "--duration") {
+    const auto n = int_value(arg, value);
+    return n && (options.duration_seconds = *n) >= 1;
+  } else if (arg == "--live-duration") {
+    const auto n = int_value(arg, value);
+    return n && (options.live_duration_seconds = *n) >= 0;
+  } else if (arg == "--live-chunk-frames") {
+    const auto n = int_value(arg, value);
+    return n && (options.live_chunk_frames = *n) >= 128 && *n <= 16000;
+  } else if (arg == "--input-gain-db") {
+    const std::optional<double> db = leading_number(value);
+    if (!db) {
+      std::cerr << "invalid value for " << arg << ": " << value << '\n';
       return false;
     }
-    if (i + 1 >= argc) {
-      std::cerr << arg << " requires a value" << '\n';
+    options.input_gain_db = *db;
+    if (!std::isfinite(*db) || *db < -60.0 || *db > 36.0) {
+      std::cerr << "--input-gain-db must be finite and between -60 and +36 dB" << '\n';
       return false;
     }
-    const std::string value = argv[++i];
-    if (arg == "--duration") {
-      options.duration_seconds = to_int(arg, value);
-      if (options.duration_seconds < 1) return false;
-    } else if (arg == "--device") {
-      options.device = value;
-    } else if (arg == "--output") {
-      options.output_path = value;
-    } else if (arg == "--beamformed") {
-      options.beamformed_path = value;
-    } else if (arg == "--event") {
-      options.event_path = value;
-    } else if (arg == "--log") {
-      options.log_path = value;
-    } else if (arg == "--input-gain-db") {
-      options.input_gain_db = to_double(arg, value);
-      if (!std::isfinite(options.input_gain_db) || options.input_gain_db < -60.0 ||
-          options.input_gain_db > 36.0) {
-        std::cerr << "--input-gain-db must be finite and between -60 and +36 dB" << '\n';
-        return false;
-      }
-    } else if (arg == "--pcm-output") {
-      options.pcm_output_path = value;
-    } else if (arg == "--live-duration") {
-      options.live_duration_seconds = to_int(arg, value);
-      if (options.live_duration_seconds < 0) return false;
-    } else if (arg == "--live-chunk-frames") {
-      options.live_chunk_frames = to_int(arg, value);
-      if (options.live_chunk_frames < 128 || options.live_chunk_frames > 16000) return false;
-    } else if (arg == "--event-output") {
-      options.event_output_path = value;
-      options.event_path = value;
-    } else if (arg == "--input-wav") {
-      options.input_wav_path = value;
-      options.skip_capture = true;
+  } else if (arg == "--event-output") {
+    options.event_output_path = value;
+    options.event_path = value;
+  } else if (arg == "--input-wav") {
+    options.input_wav_path = value;
+    options.skip_capture = true;
+  } else {
+    std::string* paths[] = {&options.device, &options.output_path, &options.beamformed_path,
+                            &options.event_path, &options.log_path, &options.pcm_output_path};
+    const char* names[] = {"--device", "--output", "--beamformed", "--event", "--log", "--pcm-output"};
+    for (std::size_t k = 0; k < std::size(names); ++k) {
+      if (arg == names[k]) *paths[k] = value;
     }
   }
   return true;
@@ -101,14 +67,30 @@ bool parse_walk(int argc, char** argv, Options& options) {
 
 }  // namespace
 
-bool parse_args(int argc, char** argv, Options& options) {
-  if (argc < 2) return true;
-  try {
-    return parse_walk(argc, argv, options);
-  } catch (const InvalidValue& bad) {
-    std::cerr << "invalid value for " << bad.option << ": " << bad.text << '\n';
-    return false;
+std::optional<int> parse_args(int argc, char** argv, Options& options) {
+  ArgReader args{argc, argv};
+  const std::string program = program_name(args, "sonderlark");
+  while (const std::optional<std::string> arg = next_arg(args)) {
+    if (*arg == "--help" || *arg == "-h") {
+      print_usage(program.c_str());
+      return kExitOk;
+    }
+    if (*arg == "--live" || *arg == "--skip-capture") {
+      (*arg == "--live" ? options.live : options.skip_capture) = true;
+      continue;
+    }
+    std::optional<std::string> value;
+    if (!takes_value(*arg)) {
+      std::cerr << "Unknown argument: " << *arg << '\n';
+    } else if (!(value = next_arg(args))) {
+      std::cerr << *arg << " requires a value" << '\n';
+    }
+    if (!value || !set_value(options, *arg, *value)) {
+      print_usage(program.c_str());
+      return kExitUsage;
+    }
   }
+  return std::nullopt;
 }
 
 void print_usage(const char* program) {

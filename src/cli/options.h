@@ -1,7 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+
+#include "live/live_mode.h"
 
 namespace sonderlark {
 
@@ -19,15 +22,15 @@ struct Options {
   bool live = false;                              // live mode instead of the one-shot run
   int32_t live_duration_seconds = 0;              // live length, s; 0 runs until stopped
   int32_t live_chunk_frames = 1024;               // frames per live chunk
-  std::string pcm_output_path = "/tmp/sonderlark-beamformed-mic.pcm";  // live PCM file or FIFO
+  std::string pcm_output_path = default_pcm_output_path();  // live PCM file or FIFO
   std::string event_output_path;                  // live status JSON; empty: live mode's default
 };
 
-// Fills `options` from argv[1..argc-1]. Returns false when the command line
-// is refused (after writing its message, if any, to standard error); the
-// caller then prints the usage and exits with 2. --help and -h print the
-// usage and end the process with status 0.
-bool parse_args(int argc, char** argv, Options& options);
+// Fills `options` from argv[1..argc-1]. Nothing when the run goes on;
+// otherwise the exit status to end with: 0 after printing the usage for
+// --help or -h, 2 for a refused command line (after its message, if any,
+// on standard error and the usage on standard output).
+std::optional<int> parse_args(int argc, char** argv, Options& options);
 
 // Writes the usage text for `program` to standard output.
 void print_usage(const char* program);

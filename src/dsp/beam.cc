@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstring>
 
-#include "util/memory.h"
 #include "util/vector_clones.h"
 
 namespace sonderlark {
@@ -26,26 +25,6 @@ std::vector<int32_t> guided_lags(const DirectionEstimate& direction, int32_t cha
 }
 
 namespace {
-
-// Shifts and method: guided by a confident estimate on 4+ channels, else
-// each channel aligned to channel 0 on its own (channel 3 by `channel3_lag`
-// when the caller already searched it).
-void choose_lags(const WavData& data, const DirectionEstimate& direction, std::size_t channels,
-                 std::optional<int32_t> channel3_lag, BeamformResult& result) {
-  const int32_t m = data.channels;
-  const auto& ch = data.samples;
-  if (beam_is_guided(direction, m)) {
-    result.lags = guided_lags(direction, m);
-    result.method = kGuidedBeamMethod;
-  } else {
-    static_assert(kFallbackMaxLag == kEndToEndMaxLag);
-    result.lags.assign(static_cast<std::size_t>(m), 0);
-    for (std::size_t c = 1; c < channels; ++c) {
-      result.lags[c] = c == 3 && channel3_lag ? *channel3_lag : best_lag(ch[0], ch[c], kFallbackMaxLag).lag;
-    }
-    result.method = kFallbackBeamMethod;
-  }
-}
 
 typedef double Block __attribute__((vector_size(8 * sizeof(double))));
 // Blocks are passed by value only within this file's inlined helpers, so the
@@ -82,49 +61,6 @@ void mean_of_four(const double* c0, const double* c1, const double* c2, const do
     std::memcpy(out + i, &mean, sizeof mean);
   }
   for (; i < end; ++i) out[i] = ((((0.0 + c0[i + l0]) + c1[i + l1]) + c2[i + l2]) + c3[i + l3]) / 4.0;
-}
-
-// out[i] = mean of ch[c][i + lags[c]] over the channels whose index is
-// inside, summed in channel order. `out` may be channel 0's own storage:
-// out[i] is written after the last read of channel 0 at i (its lag is 0).
-void average_aligned(const std::vector<std::vector<double>>& ch, std::size_t channels,
-                     const std::vector<int32_t>& lags, double* out) {
-  assert(out != ch[0].data() || lags[0] == 0);  // in place only when channel 0 is not shifted
-  const int64_t n = static_cast<int64_t>(ch[0].size());
-  int64_t lowest = 0;
-  int64_t highest = 0;
-  bool same_lengths = true;
-  for (std::size_t c = 0; c < channels; ++c) {
-    lowest = std::min<int64_t>(lowest, lags[c]);
-    highest = std::max<int64_t>(highest, lags[c]);
-    same_lengths = same_lengths && static_cast<int64_t>(ch[c].size()) == n;
-  }
-  // Where every shifted index is inside, no check is needed.
-  const int64_t inner_begin = same_lengths ? std::min(n, -lowest) : n;
-  const int64_t inner_end = same_lengths ? std::max(inner_begin, n - highest) : n;
-  auto edge_sample = [&](int64_t i) {
-    double sum = 0.0;
-    int32_t count = 0;
-    for (std::size_t c = 0; c < channels; ++c) {
-      const int64_t j = i + lags[c];
-      if (j >= 0 && j < n && j < static_cast<int64_t>(ch[c].size())) {
-        sum += ch[c][static_cast<std::size_t>(j)];
-        ++count;
-      }
-    }
-    return count > 0 ? sum / count : 0.0;
-  };
-  for (int64_t i = 0; i < inner_begin; ++i) out[i] = edge_sample(i);
-  const double count = static_cast<double>(channels);
-  if (channels == 4) {
-    mean_of_four(ch[0].data(), ch[1].data(), ch[2].data(), ch[3].data(), lags.data(), inner_begin, inner_end, out);
-  }
-  for (int64_t i = channels == 4 ? inner_end : inner_begin; i < inner_end; ++i) {
-    double sum = 0.0;
-    for (std::size_t c = 0; c < channels; ++c) sum += ch[c][static_cast<std::size_t>(i + lags[c])];
-    out[i] = sum / count;
-  }
-  for (int64_t i = inner_end; i < n; ++i) out[i] = edge_sample(i);
 }
 
 }  // namespace
@@ -168,29 +104,44 @@ void beam_block(const double* const* ch, std::size_t channels, const std::vector
   for (int64_t i = inner_end; i < to; ++i) out[i - from] = edge_sample(i);
 }
 
-BeamformResult beamform_delay_and_sum(const WavData& data, const DirectionEstimate& direction) {
+BeamformResult choose_beam(const DirectionEstimate& direction, int32_t channels, bool estimated,
+                           const AlignChannels& align) {
   BeamformResult result;
-  if (data.channels <= 0 || data.samples.empty()) return result;
-  const std::size_t channels = std::min(static_cast<std::size_t>(data.channels), data.samples.size());
-  choose_lags(data, direction, channels, std::nullopt, result);
-  reserve_large(result.samples, data.samples[0].size());
-  result.samples.resize(data.samples[0].size());
-  average_aligned(data.samples, channels, result.lags, result.samples.data());
+  if (beam_is_guided(direction, channels)) {
+    result.lags = guided_lags(direction, channels);
+    result.method = kGuidedBeamMethod;
+    return result;
+  }
+  static_assert(kFallbackMaxLag == kEndToEndMaxLag);
+  result.lags.assign(static_cast<std::size_t>(std::max(channels, 1)), 0);
+  std::vector<std::size_t> wanted;
+  for (std::size_t c = 1; c < result.lags.size(); ++c) {
+    if (c == 3 && estimated) {
+      result.lags[c] = direction.lag_samples_ch0_to_ch3;
+    } else {
+      wanted.push_back(c);
+    }
+  }
+  const std::vector<int32_t> found = wanted.empty() ? std::vector<int32_t>{} : align(wanted);
+  for (std::size_t k = 0; k < wanted.size(); ++k) result.lags[wanted[k]] = found[k];
+  result.method = kFallbackBeamMethod;
   return result;
 }
 
-BeamformResult beamform_delay_and_sum(WavData&& data, const DirectionEstimate& direction) {
-  return beamform_delay_and_sum(std::move(data), direction, std::nullopt);
-}
-
-BeamformResult beamform_delay_and_sum(WavData&& data, const DirectionEstimate& direction,
-                                      std::optional<int32_t> channel3_lag) {
-  BeamformResult result;
-  if (data.channels <= 0 || data.samples.empty()) return result;
-  const std::size_t channels = std::min(static_cast<std::size_t>(data.channels), data.samples.size());
-  choose_lags(data, direction, channels, channel3_lag, result);
-  average_aligned(data.samples, channels, result.lags, data.samples[0].data());
-  result.samples = std::move(data.samples[0]);
+BeamformResult beamform_delay_and_sum(const WavData& data, const DirectionEstimate& direction) {
+  if (data.channels <= 0 || data.samples.empty()) return {};
+  const auto& ch = data.samples;
+  assert(ch.size() == static_cast<std::size_t>(data.channels));
+  BeamformResult result = choose_beam(direction, data.channels, false, [&ch](const std::vector<std::size_t>& wanted) {
+    std::vector<int32_t> lags;
+    for (std::size_t c : wanted) lags.push_back(best_lag(ch[0], ch[c], kFallbackMaxLag).lag);
+    return lags;
+  });
+  std::vector<const double*> at;
+  for (const auto& channel : ch) at.push_back(channel.data());
+  const int64_t n = static_cast<int64_t>(ch[0].size());
+  result.samples.resize(ch[0].size());
+  beam_block(at.data(), at.size(), result.lags, 0, n, 0, n, result.samples.data());
   return result;
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -22,22 +22,21 @@ struct BeamformResult {
 constexpr int32_t kMinSteeringChannels = 4;
 constexpr int32_t kFallbackMaxLag = 8;
 
-// With a confident estimate and at least 4 channels, channel c is shifted by
-// round(c / (m - 1) x L) with L the end-to-end lag ("direction-guided");
-// otherwise each channel is aligned to channel 0 by best_lag within +-8
-// ("fallback channel-alignment").
+// The beam of a whole record of `data.channels` channels of one length:
+// choose_beam's shifts (every channel searched), then one beam_block.
 BeamformResult beamform_delay_and_sum(const WavData& data, const DirectionEstimate& direction);
 
-// The same on a record the caller no longer needs: the beam is formed in
-// channel 0's storage, so a long recording needs no second buffer.
-BeamformResult beamform_delay_and_sum(WavData&& data, const DirectionEstimate& direction);
+// Lags of channel 0 against each listed channel, by best_lag within +-8.
+using AlignChannels = std::function<std::vector<int32_t>(const std::vector<std::size_t>& channels)>;
 
-// The same, in channel 0's storage, for a caller that already searched
-// channel 0 against channel 3 of this very record over +-8 (as
-// estimate_direction does): the fallback then takes `channel3_lag` as
-// channel 3's alignment instead of searching again. The result is the same.
-BeamformResult beamform_delay_and_sum(WavData&& data, const DirectionEstimate& direction,
-                                      std::optional<int32_t> channel3_lag);
+// The shifts and method of the beam. With a confident estimate and at least
+// 4 channels, channel c is shifted by round(c / (m - 1) x L) with L the
+// end-to-end lag ("direction-guided"); otherwise each channel c >= 1 is
+// aligned to channel 0 by `align` ("fallback channel-alignment"). When the
+// estimate was made from these very samples (`estimated`), its channel 0 /
+// channel 3 search is channel 3's alignment and is not made again.
+BeamformResult choose_beam(const DirectionEstimate& direction, int32_t channels, bool estimated,
+                           const AlignChannels& align);
 
 inline constexpr const char* kGuidedBeamMethod = "direction-guided delay-and-sum from processed samples";
 inline constexpr const char* kFallbackBeamMethod = "fallback channel-alignment delay-and-sum from processed samples";

@@ -9,74 +9,6 @@
 namespace sonderlark {
 namespace {
 
-struct Levels {
-  double rms = 0.0;
-  double peak = 0.0;
-  double noise_floor = 0.0;
-};
-
-double mean_of_quietest(std::vector<double>& block_rms) {
-  std::sort(block_rms.begin(), block_rms.end());
-  const std::size_t quiet = std::max<std::size_t>(block_rms.size() / 10, 1);
-  double sum = 0.0;
-  for (std::size_t b = 0; b < quiet; ++b) sum += block_rms[b];
-  return sum / static_cast<double>(quiet);
-}
-
-// One pass over K non-empty channels of one length n, side by side: per
-// channel the running sum of squares for the rms and, beside it, each
-// block's own sum, all in index order. The channels' sums are independent
-// chains, so measuring them together keeps each exact and overlaps their
-// latencies.
-template <int K>
-void measure_together(const double* const* x, std::size_t n, int32_t sample_rate, Levels* out) {
-  const std::size_t block = static_cast<std::size_t>(std::max<int32_t>(sample_rate / 50, 1));
-  const std::size_t blocks = n / block;  // a trailing partial block is ignored
-  std::vector<double> block_rms[K];
-  for (int k = 0; k < K; ++k) block_rms[k].resize(blocks);
-  double total[K] = {};
-  double peak[K] = {};
-  std::size_t i = 0;
-  for (std::size_t b = 0; b < blocks; ++b) {
-    double sum[K] = {};
-    for (const std::size_t end = i + block; i < end; ++i) {
-      for (int k = 0; k < K; ++k) {
-        const double square = x[k][i] * x[k][i];
-        total[k] += square;
-        sum[k] += square;
-        peak[k] = std::max(peak[k], std::fabs(x[k][i]));
-      }
-    }
-    for (int k = 0; k < K; ++k) block_rms[k][b] = std::sqrt(sum[k] / static_cast<double>(block));
-  }
-  for (; i < n; ++i) {
-    for (int k = 0; k < K; ++k) {
-      total[k] += x[k][i] * x[k][i];
-      peak[k] = std::max(peak[k], std::fabs(x[k][i]));
-    }
-  }
-  for (int k = 0; k < K; ++k) {
-    out[k].rms = std::sqrt(total[k] / static_cast<double>(n));
-    out[k].peak = peak[k];
-    out[k].noise_floor = n < block ? out[k].rms : mean_of_quietest(block_rms[k]);
-  }
-}
-
-// Measures channels [first, first + count), count 1 to 4, all of length n > 0.
-void measure_group(const std::vector<std::vector<double>>& samples, std::size_t first, std::size_t count,
-                   int32_t sample_rate, Levels* out) {
-  assert(count >= 1 && count <= 4);
-  const double* x[4];
-  for (std::size_t k = 0; k < count; ++k) x[k] = samples[first + k].data();
-  const std::size_t n = samples[first].size();
-  switch (count) {
-    case 4: measure_together<4>(x, n, sample_rate, out); break;
-    case 3: measure_together<3>(x, n, sample_rate, out); break;
-    case 2: measure_together<2>(x, n, sample_rate, out); break;
-    default: measure_together<1>(x, n, sample_rate, out); break;
-  }
-}
-
 // The warning lines of finished measures.
 void flag_levels(ChannelDiagnostics& result, const std::string& label) {
   for (std::size_t c = 0; c < result.rms.size(); ++c) {
@@ -89,32 +21,6 @@ void flag_levels(ChannelDiagnostics& result, const std::string& label) {
 }
 
 }  // namespace
-
-ChannelDiagnostics diagnose_channels(const WavData& data, const std::string& label) {
-  ChannelDiagnostics result;
-  if (data.channels <= 0) return result;
-  const std::size_t m = static_cast<std::size_t>(data.channels);
-  result.rms.assign(m, 0.0);
-  result.peak.assign(m, 0.0);
-  result.noise_floor.assign(m, 0.0);
-  // Up to four neighbouring channels of one length are measured together.
-  const std::size_t present = std::min(m, data.samples.size());
-  std::vector<Levels> levels(m);
-  for (std::size_t c = 0; c < present;) {
-    const std::size_t n = data.samples[c].size();
-    std::size_t count = 1;
-    while (count < 4 && c + count < present && data.samples[c + count].size() == n) ++count;
-    if (n > 0) measure_group(data.samples, c, count, data.sample_rate, levels.data() + c);
-    c += count;
-  }
-  for (std::size_t c = 0; c < m; ++c) {
-    result.rms[c] = levels[c].rms;
-    result.peak[c] = levels[c].peak;
-    result.noise_floor[c] = levels[c].noise_floor;
-  }
-  flag_levels(result, label);
-  return result;
-}
 
 LevelMeter start_levels(int32_t channels, int32_t sample_rate, uint64_t frames) {
   LevelMeter meter;
@@ -230,12 +136,32 @@ ChannelDiagnostics finish_levels(const LevelMeter& meter, const std::string& lab
   return result;
 }
 
+ChannelDiagnostics diagnose_channels(const WavData& data, const std::string& label) {
+  ChannelDiagnostics result;
+  for (int32_t c = 0; c < data.channels; ++c) {
+    // Channels are measured one by one: each may have a length of its own.
+    const std::size_t k = static_cast<std::size_t>(c);
+    const double* x = k < data.samples.size() ? data.samples[k].data() : nullptr;
+    const std::size_t n = k < data.samples.size() ? data.samples[k].size() : 0;
+    LevelMeter meter = start_levels(1, data.sample_rate, n);
+    add_levels(meter, &x, n);
+    const ChannelDiagnostics one = finish_levels(meter, label);
+    result.rms.push_back(one.rms[0]);
+    result.peak.push_back(one.peak[0]);
+    result.noise_floor.push_back(one.noise_floor[0]);
+  }
+  flag_levels(result, label);
+  return result;
+}
+
 bool detected_speech(const std::vector<double>& processed_rms) {
   for (double rms : processed_rms) {
     if (rms > kSpeechRmsThreshold) return true;
   }
   return false;
 }
+
+double level_dbfs(double rms) { return rms > 0.0 ? std::max(20.0 * std::log10(rms), -120.0) : -120.0; }
 
 void log_diagnostics(Logger& logger, const std::string& title, const ChannelDiagnostics& diagnostics) {
   logger.line(title + " diagnostics:");

@@ -21,15 +21,7 @@ constexpr double kPi = 3.141592653589793;
 }  // namespace
 
 LagResult best_lag(std::span<const double> a, std::span<const double> b, int32_t max_lag) {
-  // The searches of this tool use at most +-8: no allocation for those.
-  constexpr int32_t kStackLags = 2 * kEndToEndMaxLag + 1;
-  double stack_scores[kStackLags];
-  std::vector<double> heap_scores;
-  double* scores = stack_scores;
-  if (2 * static_cast<int64_t>(max_lag) + 1 > kStackLags) {
-    heap_scores.resize(2 * static_cast<std::size_t>(max_lag) + 1);
-    scores = heap_scores.data();
-  }
+  double scores[2 * kChannelSumReach + 1];
   lag_scores(default_lag_kernel(), a, b, max_lag, scores);
   return pick_lag(scores, max_lag);
 }
@@ -57,25 +49,18 @@ LagResult pick_lag(const double* scores, int32_t max_lag) {
   return result;
 }
 
+bool can_estimate_direction(int32_t channels, uint64_t frames) { return channels >= 4 && frames > 0; }
+
 DirectionEstimate estimate_direction(const WavData& data, const std::string& source_label) {
-  std::optional<int32_t> unused;
-  return estimate_direction(data, source_label, unused);
-}
-
-DirectionEstimate estimate_direction(const WavData& data, const std::string& source_label,
-                                     std::optional<int32_t>& end_to_end_lag) {
-  end_to_end_lag.reset();
-  DirectionEstimate estimate;
-  estimate.samples_source = source_label;
-  if (data.channels < 4 || data.samples.size() < 4 || data.samples[0].empty()) return estimate;
-
   const auto& ch = data.samples;
-  const LagResult r03 = best_lag(ch[0], ch[3], kEndToEndMaxLag);
-  const LagResult r01 = best_lag(ch[0], ch[1], kAdjacentMaxLag);
-  const LagResult r12 = best_lag(ch[1], ch[2], kAdjacentMaxLag);
-  const LagResult r23 = best_lag(ch[2], ch[3], kAdjacentMaxLag);
-  end_to_end_lag = r03.lag;
-  return direction_from_lags(r03, r01, r12, r23, source_label);
+  if (ch.size() < 4 || !can_estimate_direction(data.channels, ch[0].size())) {
+    DirectionEstimate estimate;
+    estimate.samples_source = source_label;
+    return estimate;
+  }
+  return direction_from_lags(best_lag(ch[0], ch[3], kEndToEndMaxLag), best_lag(ch[0], ch[1], kAdjacentMaxLag),
+                             best_lag(ch[1], ch[2], kAdjacentMaxLag), best_lag(ch[2], ch[3], kAdjacentMaxLag),
+                             source_label);
 }
 
 DirectionEstimate direction_from_lags(const LagResult& r03, const LagResult& r01, const LagResult& r12,

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <span>
 #include <string>
 
@@ -42,7 +41,7 @@ constexpr int32_t kMinOverlapPairs = 16; // fewer overlapping pairs score 0.0
 constexpr double kLowConfidenceThreshold = 0.35;
 
 // Centred, normalised cross-correlation of a and b at every lag from
-// -max_lag to +max_lag over the first n = min(|a|, |b|) samples of each;
+// -max_lag to +max_lag (at most 8) over the first n = min(|a|, |b|) samples of each;
 // means are taken per lag over the overlapping pairs only. Ties go to the
 // most negative lag; when every lag scores 0.0 the result's lag is -max_lag.
 LagResult best_lag(std::span<const double> a, std::span<const double> b, int32_t max_lag);
@@ -51,16 +50,14 @@ LagResult best_lag(std::span<const double> a, std::span<const double> b, int32_t
 // (scores[L + max_lag]).
 LagResult pick_lag(const double* scores, int32_t max_lag);
 
-// Direction from the lags of channel pairs 0/3 (+-8) and 0/1, 1/2, 2/3 (+-4)
-// of samples[0..3]; further channels are ignored. Fewer than 4 channels or an
-// empty channel 0 give the defaults (low confidence). `samples_source` is set
-// to `source_label` in every case.
-DirectionEstimate estimate_direction(const WavData& data, const std::string& source_label);
+// Whether a record of this shape gets an estimate: 4 channels or more, not empty.
+bool can_estimate_direction(int32_t channels, uint64_t frames);
 
-// The same, also handing out the lag of the channel 0 / channel 3 search
-// (+-8) it made, or nothing when it made none (it returned its defaults).
-DirectionEstimate estimate_direction(const WavData& data, const std::string& source_label,
-                                     std::optional<int32_t>& end_to_end_lag);
+// Direction from the lags of channel pairs 0/3 (+-8) and 0/1, 1/2, 2/3 (+-4)
+// of a whole record of `data.channels` channels of one length; further
+// channels are ignored. A record that cannot have an estimate gives the
+// defaults (low confidence). `samples_source` is `source_label` in every case.
+DirectionEstimate estimate_direction(const WavData& data, const std::string& source_label);
 
 // The estimate from the four searches: channels 0/3 (+-8), 0/1, 1/2 and 2/3
 // (+-4).

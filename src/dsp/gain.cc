@@ -37,12 +37,8 @@ void add_clipping_warning(double gain_db, const std::vector<int64_t>& clipped, s
   warnings.push_back(warning);
 }
 
-WavData apply_input_gain(const WavData& raw, double gain_db, std::vector<std::string>& warnings) {
-  return apply_input_gain(WavData(raw), gain_db, warnings);
-}
-
-WavData apply_input_gain(WavData&& raw, double gain_db, std::vector<std::string>& warnings) {
-  WavData processed = std::move(raw);
+WavData apply_input_gain(WavData record, double gain_db, std::vector<std::string>& warnings) {
+  WavData processed = std::move(record);
   const double gain = gain_factor(gain_db);
   if (processed.channels < 1) return processed;
 

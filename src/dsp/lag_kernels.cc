@@ -10,7 +10,7 @@
 namespace sonderlark {
 namespace {
 
-using GroupKernel = void (*)(LagPass, const LagRange&, const int32_t*, int, const LaneSums&);
+using GroupKernel = void (*)(const LagRange&, const int32_t*, int, const LaneSums&);
 
 struct Kernel {
   GroupKernel run;
@@ -51,7 +51,7 @@ LagKernel default_lag_kernel() {
 }
 
 LagSearch start_lag_search(LagKernel kernel, int32_t max_lag, int64_t n) {
-  assert(max_lag >= 0);
+  assert(max_lag >= 0 && max_lag <= kChannelSumReach);
   LagSearch search;
   search.kernel = kernel;
   search.max_lag = max_lag;
@@ -78,30 +78,24 @@ LagSearch start_lag_search(LagKernel kernel, int32_t max_lag, int64_t n) {
 
 void add_lag_block(LagSearch& search, const double* a, const double* b, int64_t origin, int64_t from, int64_t to) {
   const LagRange range{a, b, origin, search.n, from, to};
+  assert(search.means_taken);
   if (search.kernel == LagKernel::kScalar) {
     for (std::size_t k = 0; k < search.starts.size(); ++k) {
       const int64_t lag = search.starts[k];
       const LagOverlap o = lag_overlap(search.n, lag);
-      const int64_t begin = std::max(o.begin, from);
-      const int64_t end = std::min(o.end, to);
-      if (!search.second_pass) {
-        add_lag_sums(range, lag, begin, end, search.first[k], search.second[k]);
-      } else {
-        add_lag_products(range, lag, begin, end, search.first[k], search.second[k], search.ab[k], search.aa[k],
-                         search.bb[k]);
-      }
+      add_lag_products(range, lag, std::max(o.begin, from), std::min(o.end, to), search.first[k], search.second[k],
+                       search.ab[k], search.aa[k], search.bb[k]);
     }
     return;
   }
   const Kernel run = group_kernel(search.kernel);
-  const LagPass pass = search.second_pass ? LagPass::kProducts : LagPass::kSums;
   const std::size_t groups_total = search.starts.size();
   for (std::size_t first = 0; first < groups_total; first += kMaxLagGroupsPerSweep) {
     const int groups = static_cast<int>(std::min<std::size_t>(kMaxLagGroupsPerSweep, groups_total - first));
     const std::size_t lane = first * static_cast<std::size_t>(run.lanes);
     const LaneSums sums{search.first.data() + lane, search.second.data() + lane, search.ab.data() + lane,
                         search.aa.data() + lane, search.bb.data() + lane};
-    run.run(pass, range, search.starts.data() + first, groups, sums);
+    run.run(range, search.starts.data() + first, groups, sums);
   }
 }
 
@@ -119,19 +113,6 @@ int64_t lane_pairs(const LagSearch& search, std::size_t lane) {
 }
 
 }  // namespace
-
-void take_lag_means(LagSearch& search) {
-  assert(!search.second_pass);
-  for (std::size_t k = 0; k < search.first.size(); ++k) {
-    const double pairs = static_cast<double>(lane_pairs(search, k));
-    // No overlap: the sums stay 0 and the lag scores 0.0 whatever its mean.
-    if (pairs > 0) {
-      search.first[k] /= pairs;
-      search.second[k] /= pairs;
-    }
-  }
-  search.second_pass = true;
-}
 
 namespace {
 
@@ -185,7 +166,7 @@ void add_channel_sums(LagKernel kernel, std::span<ChannelSums> sums, const doubl
 }
 
 void take_lag_means(LagSearch& search, const ChannelSums& a, const ChannelSums& b) {
-  assert(!search.second_pass && search.max_lag <= kChannelSumReach && a.n == search.n && b.n == search.n);
+  assert(!search.means_taken && a.n == search.n && b.n == search.n);
   const auto tail = [](const ChannelSums& s, int64_t k) { return s.tail[static_cast<std::size_t>(k - 1)]; };
   const auto head = [](const ChannelSums& s, int64_t k) { return s.head[static_cast<std::size_t>(k)]; };
   for (std::size_t k = 0; k < search.first.size(); ++k) {
@@ -194,8 +175,14 @@ void take_lag_means(LagSearch& search, const ChannelSums& a, const ChannelSums& 
     const int64_t lag = lane_lag(search, k);
     search.first[k] = lag >= 0 ? head(a, lag) : tail(a, -lag);
     search.second[k] = lag <= 0 ? head(b, -lag) : tail(b, lag);
+    const double pairs = static_cast<double>(lane_pairs(search, k));
+    // No overlap: the sums stay 0 and the lag scores 0.0 whatever its mean.
+    if (pairs > 0) {
+      search.first[k] /= pairs;
+      search.second[k] /= pairs;
+    }
   }
-  take_lag_means(search);
+  search.means_taken = true;
 }
 
 void lag_search_scores(const LagSearch& search, double* scores) {
@@ -208,9 +195,11 @@ void lag_search_scores(const LagSearch& search, double* scores) {
 void lag_scores(LagKernel kernel, std::span<const double> a, std::span<const double> b, int32_t max_lag,
                 double* scores) {
   const int64_t n = static_cast<int64_t>(std::min(a.size(), b.size()));
+  ChannelSums sums[2] = {{n}, {n}};
+  const double* x[2] = {a.data(), b.data()};
+  add_channel_sums(kernel, sums, x, 0, 0, n);
   LagSearch search = start_lag_search(kernel, max_lag, n);
-  add_lag_block(search, a.data(), b.data(), 0, 0, n);
-  take_lag_means(search);
+  take_lag_means(search, sums[0], sums[1]);
   add_lag_block(search, a.data(), b.data(), 0, 0, n);
   lag_search_scores(search, scores);
 }

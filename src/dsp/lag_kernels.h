@@ -25,47 +25,24 @@ std::vector<LagKernel> available_lag_kernels();
 LagKernel default_lag_kernel();
 
 // Centred, normalised correlation of a and b (first n = min(|a|, |b|)
-// samples) at every lag from -max_lag to +max_lag, into scores[L + max_lag];
-// 0.0 where fewer than 16 pairs overlap or a side has no variance.
+// samples) at every lag from -max_lag to +max_lag (at most 8), into
+// scores[L + max_lag]; 0.0 where fewer than 16 pairs overlap or a side has
+// no variance. One search over one block.
 void lag_scores(LagKernel kernel, std::span<const double> a, std::span<const double> b, int32_t max_lag,
                 double* scores);
 
-// The same search over sequences of length n that arrive in consecutive
-// blocks: every block once for the sums (first pass), take_lag_means, every
-// block again for the centred products (second pass), then
-// lag_search_scores. Each lag's sums run in index order across the blocks,
-// so the scores are the bits lag_scores gives on the whole sequences.
-struct LagSearch {
-  LagKernel kernel = LagKernel::kScalar;
-  int32_t max_lag = 0;
-  int64_t n = 0;
-  int lanes = 1;                // lags per group
-  std::vector<int32_t> starts;  // first lag of each group; groups may overlap
-  std::vector<double> first, second, ab, aa, bb;  // per lane of every group
-  bool second_pass = false;
-};
-
-LagSearch start_lag_search(LagKernel kernel, int32_t max_lag, int64_t n);
-
-// Adds indices [from, to) of a and b, sample i of each at a[i - origin] and
-// b[i - origin]; b must hold every index within max_lag of the block that
-// lies in [0, n).
-void add_lag_block(LagSearch& search, const double* a, const double* b, int64_t origin, int64_t from, int64_t to);
-
-// Ends the first pass: the sums become the means of each lag's overlap.
-void take_lag_means(LagSearch& search);
-
-// The first pass of several searches at once. Each side of a lag's overlap
-// is a head [0, n - k) or a tail [k, n) of its channel, k = |lag|: the sums
-// of each channel's heads and tails up to kChannelSumReach, each added in
-// index order from 0.0, are the bits of every search's own first pass over
-// that channel. All heads are one running sum, read as it passes n - k.
+// The first pass of every search comes from per-channel sums. Each side of
+// a lag's overlap is a head [0, n - k) or a tail [k, n) of its channel,
+// k = |lag|: the sums of each channel's heads and tails up to
+// kChannelSumReach, each added in index order from 0.0, are the bits of the
+// literal sums over each overlap. All heads are one running sum, read as
+// it passes n - k.
 constexpr int32_t kChannelSumReach = 8;
 constexpr int kChannelSumLanes = kChannelSumReach;  // the tails k = 1 .. reach
 
 struct ChannelSums {
   int64_t n = 0;
-  double running = 0.0;                          // [0, i) so far
+  double running = 0.0;                             // [0, i) so far
   std::array<double, kChannelSumReach + 1> head{};  // head[k]: [0, n - k)
   std::array<double, kChannelSumLanes> tail{};      // tail[k - 1]: [k, n)
 };
@@ -75,9 +52,30 @@ struct ChannelSums {
 void add_channel_sums(LagKernel kernel, std::span<ChannelSums> sums, const double* const* x, int64_t origin,
                       int64_t from, int64_t to);
 
-// Ends a search's first pass from the finished sums of its two channels
-// (take_lag_means after adding every block): max_lag at most the reach.
+// A search of lags -max_lag .. +max_lag (at most kChannelSumReach) between
+// sequences a and b of length n that arrive in consecutive blocks: the
+// channels' sums, take_lag_means, every block once for the centred
+// products, then lag_search_scores. Each lag's sums run in index order
+// across the blocks, so the scores are the same bits whatever the blocks.
+struct LagSearch {
+  LagKernel kernel = LagKernel::kScalar;
+  int32_t max_lag = 0;
+  int64_t n = 0;
+  int lanes = 1;                // lags per group
+  std::vector<int32_t> starts;  // first lag of each group; groups may overlap
+  std::vector<double> first, second, ab, aa, bb;  // per lane of every group: means, then products
+  bool means_taken = false;
+};
+
+LagSearch start_lag_search(LagKernel kernel, int32_t max_lag, int64_t n);
+
+// The means of each lag's overlap from the finished sums of a and b.
 void take_lag_means(LagSearch& search, const ChannelSums& a, const ChannelSums& b);
+
+// Adds the centred products of indices [from, to) of a and b, sample i of
+// each at a[i - origin] and b[i - origin]; b must hold every index within
+// max_lag of the block that lies in [0, n).
+void add_lag_block(LagSearch& search, const double* a, const double* b, int64_t origin, int64_t from, int64_t to);
 
 // The scores of the finished search, into scores[L + max_lag].
 void lag_search_scores(const LagSearch& search, double* scores);

@@ -36,15 +36,6 @@ struct LagRange {
   int64_t to;
 };
 
-// First pass of one lag: adds a[i] and b[i + lag] for i in [from, to), in
-// index order, to sum_a and sum_b.
-inline void add_lag_sums(const LagRange& r, int64_t lag, int64_t from, int64_t to, double& sum_a, double& sum_b) {
-  for (int64_t i = from; i < to; ++i) {
-    sum_a += r.a[i - r.origin];
-    sum_b += r.b[i + lag - r.origin];
-  }
-}
-
 // Second pass of one lag: adds the centred products of a[i] and b[i + lag]
 // about the means for i in [from, to), in index order.
 inline void add_lag_products(const LagRange& r, int64_t lag, int64_t from, int64_t to, double mean_a, double mean_b,
@@ -65,9 +56,8 @@ inline double lag_score(int64_t pairs, double ab, double aa, double bb) {
 }
 
 // Running sums of the lanes of `groups` groups, lane k = g * W + j for lag
-// starts[g] + j. In the first pass `first` and `second` gather the sums of
-// a and b; in the second they hold the means, and ab, aa, bb gather the
-// centred products.
+// starts[g] + j: `first` and `second` hold the means of a and b, and ab,
+// aa, bb gather the centred products.
 struct LaneSums {
   double* first;
   double* second;
@@ -76,18 +66,16 @@ struct LaneSums {
   double* bb;
 };
 
-enum class LagPass { kSums, kProducts };
-
-// Adds one range to `groups` (1 to 3) groups of W consecutive lags, each lane
+// Adds the centred products of one range to `groups` (1 to 3) groups of W consecutive lags, each lane
 // bit for bit the scalar reference's running sums. W = 2 runs on any x86-64
 // (SSE2), aarch64 (one NEON register) or other target; W = 4 needs AVX2 and
 // FMA on x86-64, and is two NEON registers on aarch64; W = 8 AVX-512F.
-void lag_sweep_2(LagPass pass, const LagRange& range, const int32_t* starts, int groups, const LaneSums& sums);
+void lag_sweep_2(const LagRange& range, const int32_t* starts, int groups, const LaneSums& sums);
 #if defined(__x86_64__) || defined(__aarch64__)
-void lag_sweep_4(LagPass pass, const LagRange& range, const int32_t* starts, int groups, const LaneSums& sums);
+void lag_sweep_4(const LagRange& range, const int32_t* starts, int groups, const LaneSums& sums);
 #endif
 #if defined(__x86_64__)
-void lag_sweep_8(LagPass pass, const LagRange& range, const int32_t* starts, int groups, const LaneSums& sums);
+void lag_sweep_8(const LagRange& range, const int32_t* starts, int groups, const LaneSums& sums);
 #endif
 
 // Groups per sweep: five vectors each stay in registers at every width.

@@ -3,9 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,27 +12,15 @@
 #include <cstring>
 #include <stdexcept>
 #include <ctime>
-#include <thread>
 
 #include "util/files.h"
+#include "util/process.h"
 #include "util/text.h"
-
-extern char** environ;
 
 namespace sonderlark {
 namespace {
 
 constexpr int kShellCannotRedirect = 2 << 8;  // the wait status of "exit 2"
-
-// Waits up to `milliseconds` for the child to end; true with its status.
-bool wait_for_end(int pid, int milliseconds, int& status) {
-  for (int waited = 0;; waited += 10) {
-    const int r = waitpid(pid, &status, WNOHANG);
-    if (r == pid || (r < 0 && errno != EINTR)) return true;
-    if (waited >= milliseconds) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-}
 
 }  // namespace
 
@@ -86,49 +72,37 @@ bool start_capture(CaptureChild& child, Logger& logger) {
     logger.line("error: failed to start arecord for live mode");
     return false;
   }
+  UniqueFd read_end(pipe_fds[0]);
+  const UniqueFd write_end(pipe_fds[1]);
   // As the shell's "2>" would, but never through a link or into a FIFO.
-  const int err = open_regular_for_writing(child.stderr_path);
-  if (err < 0) {
+  const UniqueFd err(open_regular_for_writing(child.stderr_path));
+  if (!err.valid()) {
     std::fprintf(stderr, "sonderlark: cannot open %s for arecord's standard error\n", child.stderr_path.c_str());
-    close(pipe_fds[0]);
-    close(pipe_fds[1]);
     child.refused_start_status = kShellCannotRedirect;
     return true;
   }
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  // dup2 clears close-on-exec on the copies: the child keeps exactly these.
-  posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
   // The shell hands its process to the command, so that the child we
   // signal and wait for is arecord itself, never a shell above it.
-  const std::string script = "exec " + child.capture_command;
-  const char* argv[] = {"sh", "-c", script.c_str(), nullptr};
-  pid_t pid = -1;
-  const int spawned = posix_spawn(&pid, "/bin/sh", &actions, nullptr, const_cast<char* const*>(argv), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  close(pipe_fds[1]);
-  close(err);
-  if (spawned != 0) {
-    close(pipe_fds[0]);
+  const pid_t pid = spawn_shell("exec " + child.capture_command, {-1, write_end.get(), err.get()});
+  if (pid < 0) {
     logger.line("error: failed to start arecord for live mode");
     return false;
   }
   child.pid = pid;
-  child.fd = pipe_fds[0];
+  child.fd = std::move(read_end);
   return true;
 }
 
 CaptureRead read_capture(CaptureChild& child, char* buffer, std::size_t size,
                          std::optional<std::chrono::steady_clock::time_point> deadline) {
   CaptureRead result;
-  while (child.fd >= 0 && result.bytes < size) {
+  while (child.fd.valid() && result.bytes < size) {
     int timeout = -1;
     if (deadline) {
       const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - std::chrono::steady_clock::now());
       timeout = static_cast<int>(std::max<int64_t>(left.count(), 0));
     }
-    pollfd p[2] = {{child.fd, POLLIN, 0}, {child.wake_fd, POLLIN, 0}};
+    pollfd p[2] = {{child.fd.get(), POLLIN, 0}, {child.wake_fd, POLLIN, 0}};
     const int ready = poll(p, child.wake_fd >= 0 ? 2 : 1, timeout);
     if (ready < 0 && errno == EINTR) continue;
     if (ready == 0) {
@@ -139,7 +113,7 @@ CaptureRead read_capture(CaptureChild& child, char* buffer, std::size_t size,
       result.woken = true;
       break;
     }
-    const ssize_t n = read(child.fd, buffer + result.bytes, size - result.bytes);
+    const ssize_t n = read(child.fd.get(), buffer + result.bytes, size - result.bytes);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;  // end of stream or read error: the child has stopped
     result.bytes += static_cast<std::size_t>(n);
@@ -147,28 +121,20 @@ CaptureRead read_capture(CaptureChild& child, char* buffer, std::size_t size,
   return result;
 }
 
-int decode_exit_code(int raw_status) {
-  const int low = raw_status & 0x7F;
-  if (low == 0) return (raw_status >> 8) & 0xFF;
-  if (low != 0x7F) return 128 + low;
-  return raw_status;
-}
-
 CaptureStop stop_capture(CaptureChild& child) {
   CaptureStop stop;
-  if (child.fd >= 0) close(child.fd);
-  child.fd = -1;
+  child.fd.reset();
   if (child.pid >= 0) {
-    int status = 0;
-    if (!wait_for_end(child.pid, kStopGraceMilliseconds, status)) {
+    std::optional<int> status = wait_child(child.pid, kStopGraceMilliseconds);
+    if (!status) {
       kill(child.pid, SIGTERM);
-      if (!wait_for_end(child.pid, kStopGraceMilliseconds, status)) {
-        kill(child.pid, SIGKILL);
-        while (waitpid(child.pid, &status, 0) < 0 && errno == EINTR) {
-        }
-      }
+      status = wait_child(child.pid, kStopGraceMilliseconds);
     }
-    stop.raw_status = status;
+    if (!status) {
+      kill(child.pid, SIGKILL);
+      status = wait_child(child.pid);
+    }
+    stop.raw_status = *status;
     child.pid = -1;
   } else if (child.refused_start_status) {
     stop.raw_status = *child.refused_start_status;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "util/logger.h"
+#include "util/unique_fd.h"
 
 namespace sonderlark {
 
@@ -19,7 +20,7 @@ struct CaptureChild {
   std::string capture_command;  // arecord command proper: logged and published
   std::string stderr_path;      // the child's standard error
   int pid = -1;                 // the running child, -1 when none
-  int fd = -1;                  // read end of its standard output, -1 when none
+  UniqueFd fd;                  // read end of its standard output, none when no child
   // A start whose standard error file was refused runs no child; it stops
   // at once with this wait status, as a shell whose redirection failed (2).
   std::optional<int> refused_start_status;
@@ -80,10 +81,6 @@ CaptureRead read_capture(CaptureChild& child, char* buffer, std::size_t size,
 // Closes the pipe and collects the child. One that has not ended a second
 // after its pipe was closed gets SIGTERM, and SIGKILL a second after that.
 CaptureStop stop_capture(CaptureChild& child);
-
-// Exit code of a wait status as the shell reports it: the exit code, or
-// 128 + the signal number for a child ended by a signal.
-int decode_exit_code(int raw_status);
 
 // Restart decision after a stop, continuous mode only. Resets the attempt
 // count after a healthy period, gives up after kMaxRestarts, otherwise

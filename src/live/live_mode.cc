@@ -14,30 +14,13 @@
 #include <optional>
 #include <sstream>
 
-#include "cli/exit_status.h"
-#include "dsp/chain.h"
+#include "util/exit_status.h"
+#include "dsp/recording.h"
 #include "report/live_status.h"
 #include "util/text.h"
-#include "util/vector_clones.h"
 
 namespace sonderlark {
 namespace {
-
-constexpr double kScale32 = 1.0 / 2147483648.0;  // 2^-31
-
-// Four-channel frames to one scaled sequence per channel. The clamp is never
-// taken for 32-bit input; it is kept as a guard.
-SONDERLARK_VECTOR_CLONES
-void split_frames(const int32_t* interleaved, std::size_t frame_count, double* out0, double* out1, double* out2,
-                  double* out3) {
-  auto scaled = [](int32_t raw) { return std::min(std::max(raw * kScale32, -1.0), 1.0); };
-  for (std::size_t i = 0; i < frame_count; ++i) {
-    out0[i] = scaled(interleaved[4 * i]);
-    out1[i] = scaled(interleaved[4 * i + 1]);
-    out2[i] = scaled(interleaved[4 * i + 2]);
-    out3[i] = scaled(interleaved[4 * i + 3]);
-  }
-}
 
 // Stopping a run by signal. The first SIGINT, SIGTERM or SIGHUP is noted
 // and wakes the run's waits through a pipe; the run then ends as a finite
@@ -79,12 +62,29 @@ constexpr const char* kCaptureError = "arecord exited with nonzero status";
 std::string flag(bool value) { return value ? "true" : "false"; }
 
 // One status record from the run's state.
-void write_status(const LiveState& state, const Options& options, bool pcm_connected,
+void write_status(const LiveState& state, const LiveSettings& settings, bool pcm_connected,
                   bool live_processing, const std::string& status, const std::string& error,
                   int exit_code, const std::string& stderr_text) {
-  write_live_event_json(state.status_path, options, state.last_direction, state.last_diagnostics,
-                        state.speech_seen, state.chunks_processed, pcm_connected, live_processing,
-                        status, error, state.capture.capture_command, exit_code, stderr_text);
+  LiveStatus record;
+  record.live_processing = live_processing;
+  record.status = status;
+  record.error = error;
+  record.device = settings.device;
+  record.arecord_command = state.capture.capture_command;
+  record.arecord_exit_code = exit_code;
+  record.arecord_stderr = stderr_text;
+  record.input_gain_db = settings.input_gain_db;
+  record.chunks_processed = state.chunks_processed;
+  record.pcm_output = settings.pcm_output_path;
+  record.pcm_output_connected = pcm_connected;
+  record.direction_angle_degrees = state.last_direction.angle_degrees;
+  record.direction_confidence = state.last_direction.confidence;
+  record.direction_low_confidence = state.last_direction.low_confidence;
+  record.direction_method = state.last_direction.method;
+  record.direction_samples_source = state.last_direction.samples_source;
+  record.detected_speech = state.speech_seen;
+  record.processed_channel_rms = state.last_diagnostics.rms;
+  write_live_status(state.status_path, record);
 }
 
 void log_chunk(Logger& logger, const LiveState& state, const ChannelDiagnostics& diagnostics,
@@ -102,36 +102,34 @@ void log_chunk(Logger& logger, const LiveState& state, const ChannelDiagnostics&
   for (const std::string& warning : gain_warnings) logger.line("warning: " + warning);
 }
 
-void process_chunk(LiveState& state, const Options& options, std::size_t frames, Logger& logger) {
-  ChainResult chain = run_chain(chunk_from_frames(state.frame_buffer.data(), frames), options.input_gain_db,
-                                "live processed channel", "processed-live");
-  const ChannelDiagnostics& diagnostics = chain.processed;
-  const DirectionEstimate& direction = chain.direction;
-  const BeamformResult& beam = chain.beam;
+void process_chunk(LiveState& state, const LiveSettings& settings, std::size_t frames, Logger& logger) {
+  const ChunkAnalysis chunk = analyse_chunk(state.frame_buffer.data(), frames, settings.input_gain_db);
+  const ChannelDiagnostics& diagnostics = chunk.chain.processed;
+  const DirectionEstimate& direction = chunk.chain.direction;
   state.last_direction = direction;
   state.last_diagnostics = diagnostics;
   if (!state.speech_seen) state.speech_seen = detected_speech(diagnostics.rms);
 
   ++state.chunks_processed;
-  write_status(state, options, state.pcm.fd >= 0, true, "running", "", -1, "");
+  write_status(state, settings, state.pcm.fd >= 0, true, "running", "", -1, "");
   if (state.pcm.fd < 0) open_pcm_output(state.pcm, logger);
-  if (state.pcm.fd >= 0 && !beam.samples.empty()) write_pcm_chunk(state.pcm, beam.samples, logger);
+  if (state.pcm.fd >= 0 && !chunk.beam.empty()) write_pcm_chunk(state.pcm, chunk.beam, logger);
 
   if (direction.low_confidence) ++state.low_confidence_chunks;
   ++state.chunks_since_start;
   if (state.chunks_processed == 1 || state.chunks_processed % 50 == 0) {
-    log_chunk(logger, state, diagnostics, beam.samples, direction, chain.gain_warnings);
+    log_chunk(logger, state, diagnostics, chunk.beam, direction, chunk.chain.gain_warnings);
   }
 }
 
 // Collects a child that ended its stream and publishes the stop.
-CaptureStop handle_stop(LiveState& state, const Options& options, Logger& logger) {
+CaptureStop handle_stop(LiveState& state, const LiveSettings& settings, Logger& logger) {
   const CaptureStop stop = stop_capture(state.capture);
   const std::string stderr_text = read_text_file(state.stderr_path);
   logger.line("warning: arecord stopped during live mode with status " +
               std::to_string(stop.raw_status) + ", exit_code " + std::to_string(stop.exit_code));
   if (!stderr_text.empty()) logger.line("arecord_stderr: " + stderr_text);
-  write_status(state, options, state.pcm.fd >= 0, true, "restarting", kCaptureError,
+  write_status(state, settings, state.pcm.fd >= 0, true, "restarting", kCaptureError,
                stop.exit_code, stderr_text);
   close_pcm_output(state.pcm);
   return stop;
@@ -139,8 +137,9 @@ CaptureStop handle_stop(LiveState& state, const Options& options, Logger& logger
 
 }  // namespace
 
-std::string choose_status_path(const Options& options) {
-  if (!options.event_output_path.empty()) return options.event_output_path;
+std::string default_pcm_output_path() { return "/tmp/sonderlark-beamformed-mic.pcm"; }
+
+std::string default_status_path() {
   const char* state_home = std::getenv("XDG_STATE_HOME");
   if (state_home != nullptr && *state_home != '\0') {
     return std::string(state_home) + "/sonderscope/sonderlark-live-event.json";
@@ -152,83 +151,68 @@ std::string choose_status_path(const Options& options) {
   return "build/sonderlark-live-event.json";
 }
 
-WavData chunk_from_frames(const int32_t* interleaved, std::size_t frame_count) {
-  WavData chunk;
-  chunk.sample_rate = kLiveSampleRate;
-  chunk.channels = kLiveChannels;
-  chunk.bits_per_sample = 32;
-  chunk.samples.assign(kLiveChannels, {});
-  double* out[kLiveChannels];
-  for (int c = 0; c < kLiveChannels; ++c) {
-    chunk.samples[static_cast<std::size_t>(c)].resize(frame_count);
-    out[c] = chunk.samples[static_cast<std::size_t>(c)].data();
-  }
-  split_frames(interleaved, frame_count, out[0], out[1], out[2], out[3]);
+ChunkAnalysis analyse_chunk(const int32_t* interleaved, std::size_t frame_count, double gain_db) {
+  WavData format;
+  format.sample_rate = kLiveSampleRate;
+  format.channels = kLiveChannels;
+  format.bits_per_sample = 32;
+  const auto* bytes = reinterpret_cast<const uint8_t*>(interleaved);
+  const FrameSource source{kLiveChannels, kLiveSampleRate, frame_count,
+                           [&](uint64_t first, uint64_t count, double* const* out) {
+                             decode_frames(bytes + first * kLiveChannels * sizeof(int32_t), count, format, out);
+                           }};
+  ChunkAnalysis chunk;
+  chunk.beam.reserve(frame_count);
+  const AnalysisLabels labels{"", "live processed channel", "processed-live", ""};
+  chunk.chain = analyse_recording(
+      source, gain_db, [&chunk](const double* s, std::size_t n) { chunk.beam.insert(chunk.beam.end(), s, s + n); },
+      labels, frame_count);
   return chunk;
 }
 
-int run_live_mode(const Options& options, Logger& logger) {
-  // Every chunk frees and allocates the same buffers again. Keep freed memory
-  // in the heap rather than handing it back to the kernel each time: fresh
-  // pages cost a fault and a clearing apiece.
-  mallopt(M_TRIM_THRESHOLD, kKeepHeapBytes);
-  mallopt(M_MMAP_THRESHOLD, kKeepHeapBytes);
-  logger.line("Sonderlark live mode: raw Kinect mic array -> input gain -> beamforming -> mono s16le PCM");
-  logger.line("live_pcm_output: " + options.pcm_output_path);
-  logger.line("live_duration_seconds: " + std::to_string(options.live_duration_seconds));
-  logger.line("live_chunk_frames: " + std::to_string(options.live_chunk_frames));
+namespace {
 
-  LiveState state;
-  state.capture.wake_fd = catch_stop_signals();
-  state.status_path = choose_status_path(options);
-  logger.line("live_event_json: " + state.status_path);
-  state.stderr_path = state.status_path + ".arecord.stderr";
-  state.capture.capture_command = build_capture_command(options.device);
-  state.capture.stderr_path = state.stderr_path;
-  logger.line("live capture command: " + state.capture.capture_command);
-  logger.line("live arecord stderr: " + state.stderr_path);
-
-  if (!start_capture(state.capture, logger)) return kExitLiveStartFailed;
-  state.pcm.path = options.pcm_output_path;
-  open_pcm_output(state.pcm, logger);
-
-  const std::size_t chunk_frames = static_cast<std::size_t>(options.live_chunk_frames);
+// Reads and processes chunks until the run's time is up, it is asked to
+// stop, or the capture fails for good. The stop of the child that ended
+// the run, when it stopped before the end.
+CaptureStop run_chunks(LiveState& state, const LiveSettings& settings, Logger& logger) {
+  const std::size_t chunk_frames = static_cast<std::size_t>(settings.chunk_frames);
   state.frame_buffer.assign(chunk_frames * kLiveChannels, 0);
   const auto start = std::chrono::steady_clock::now();
-  const bool finite = options.live_duration_seconds > 0;
+  const bool finite = settings.duration_seconds > 0;
   // A finite run ends on time even when the child sends nothing: no read
   // waits past the end.
   std::optional<std::chrono::steady_clock::time_point> deadline;
-  if (finite) deadline = start + std::chrono::seconds(options.live_duration_seconds);
-  // The child that ended the run, when it stopped before the end.
+  if (finite) deadline = start + std::chrono::seconds(settings.duration_seconds);
   CaptureStop last_stop;
-
   while (g_stop_signal == 0) {
     if (finite) {
       const auto elapsed = std::chrono::duration_cast<std::chrono::nanoseconds>(
           std::chrono::steady_clock::now() - start);
-      if (elapsed.count() / 1000000000 >= options.live_duration_seconds) break;
+      if (elapsed.count() / 1000000000 >= settings.duration_seconds) break;
     }
     const CaptureRead read = read_capture(state.capture, reinterpret_cast<char*>(state.frame_buffer.data()),
                                           state.frame_buffer.size() * sizeof(int32_t), deadline);
     if (read.timed_out || read.woken) break;  // the run's time is up, or it was asked to stop
     if (read.bytes > 0) {
       const std::size_t frames = read.bytes / (kLiveChannels * sizeof(int32_t));  // an incomplete frame is dropped
-      if (frames > 0) process_chunk(state, options, frames, logger);
+      if (frames > 0) process_chunk(state, settings, frames, logger);
       continue;
     }
     if (g_stop_signal != 0) break;  // the same signal may have ended the child
-    last_stop = handle_stop(state, options, logger);
+    last_stop = handle_stop(state, settings, logger);
     if (finite) break;
     if (!restart_capture(state.capture, state.chunks_since_start, logger)) break;
     state.chunks_since_start = 0;
   }
+  return last_stop;
+}
 
+// Final pass. A child still running is stopped here; one that already
+// stopped hands on its own status. The run's exit status.
+int finish_run(LiveState& state, const LiveSettings& settings, const CaptureStop& last_stop, Logger& logger) {
   const int stop_signal = g_stop_signal;
   if (stop_signal != 0) logger.line("live stop requested by signal " + std::to_string(stop_signal));
-
-  // Final pass. A child still running is stopped here; one that already
-  // stopped hands on its own status.
   close_pcm_output(state.pcm);
   const CaptureStop final_stop = state.capture.pid >= 0 ? stop_capture(state.capture) : last_stop;
   const std::string stderr_text = read_text_file(state.stderr_path);
@@ -242,16 +226,47 @@ int run_live_mode(const Options& options, Logger& logger) {
   logger.line("live speech_detected: " + flag(state.speech_seen));
 
   // A run asked to stop ends as a finite run whose time is up.
+  const bool finite = settings.duration_seconds > 0;
   if (state.chunks_processed > 0 && (finite || stop_signal != 0)) {
-    write_status(state, options, false, false, "stopped", "", final_stop.exit_code, stderr_text);
+    write_status(state, settings, false, false, "stopped", "", final_stop.exit_code, stderr_text);
     logger.line(finite ? "live clean finite-duration exit" : "live clean exit");
     return kExitOk;
   }
   const bool failed = final_stop.raw_status != 0;
-  write_status(state, options, false, false, failed ? "degraded" : "stopped",
+  write_status(state, settings, false, false, failed ? "degraded" : "stopped",
                failed ? kCaptureError : "", final_stop.exit_code, stderr_text);
   logger.line("live clean exit");
   return failed ? kExitLiveDegraded : kExitOk;
+}
+
+}  // namespace
+
+int run_live_mode(const LiveSettings& settings, Logger& logger) {
+  // Every chunk frees and allocates the same buffers again. Keep freed memory
+  // in the heap rather than handing it back to the kernel each time: fresh
+  // pages cost a fault and a clearing apiece.
+  mallopt(M_TRIM_THRESHOLD, kKeepHeapBytes);
+  mallopt(M_MMAP_THRESHOLD, kKeepHeapBytes);
+  logger.line("Sonderlark live mode: raw Kinect mic array -> input gain -> beamforming -> mono s16le PCM");
+  logger.line("live_pcm_output: " + settings.pcm_output_path);
+  logger.line("live_duration_seconds: " + std::to_string(settings.duration_seconds));
+  logger.line("live_chunk_frames: " + std::to_string(settings.chunk_frames));
+
+  LiveState state;
+  state.capture.wake_fd = catch_stop_signals();
+  state.status_path = settings.status_path.empty() ? default_status_path() : settings.status_path;
+  logger.line("live_event_json: " + state.status_path);
+  state.stderr_path = state.status_path + ".arecord.stderr";
+  state.capture.capture_command = build_capture_command(settings.device);
+  state.capture.stderr_path = state.stderr_path;
+  logger.line("live capture command: " + state.capture.capture_command);
+  logger.line("live arecord stderr: " + state.stderr_path);
+
+  if (!start_capture(state.capture, logger)) return kExitLiveStartFailed;
+  state.pcm.path = settings.pcm_output_path;
+  open_pcm_output(state.pcm, logger);
+  const CaptureStop last_stop = run_chunks(state, settings, logger);
+  return finish_run(state, settings, last_stop, logger);
 }
 
 }  // namespace sonderlark

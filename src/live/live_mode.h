@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "audio/wav.h"
-#include "cli/options.h"
 #include "dsp/diagnostics.h"
 #include "dsp/direction.h"
+#include "dsp/recording.h"
 #include "live/capture.h"
 #include "live/pcm_output.h"
 #include "util/logger.h"
@@ -33,16 +33,36 @@ struct LiveState {
 constexpr int32_t kLiveSampleRate = 16000;
 constexpr int32_t kLiveChannels = 4;
 
-// Status path: --event-output, else $XDG_STATE_HOME/sonderscope/..., else
-// $HOME/.local/state/sonderscope/..., else build/sonderlark-live-event.json.
-std::string choose_status_path(const Options& options);
+// Where the beam goes unless told otherwise: a file or a FIFO.
+std::string default_pcm_output_path();
 
-// A chunk of interleaved S32_LE frames as a 4-channel 16000 Hz WavData.
-WavData chunk_from_frames(const int32_t* interleaved, std::size_t frame_count);
+// Where the status record goes unless told otherwise:
+// $XDG_STATE_HOME/sonderscope/..., else $HOME/.local/state/sonderscope/...,
+// else build/sonderlark-live-event.json.
+std::string default_status_path();
+
+// What one live run is told.
+struct LiveSettings {
+  std::string device;
+  double input_gain_db = 0.0;
+  int32_t duration_seconds = 0;  // 0 runs until stopped
+  int32_t chunk_frames = 1024;
+  std::string pcm_output_path = default_pcm_output_path();
+  std::string status_path;  // empty: default_status_path()
+};
+
+// What the chain makes of one chunk of interleaved S32_LE frames (4
+// channels, 16000 Hz): one block, on this thread, the levels labelled
+// "live processed channel" and the estimate "processed-live".
+struct ChunkAnalysis {
+  RecordingAnalysis chain;  // no raw or beam levels
+  std::vector<double> beam;
+};
+ChunkAnalysis analyse_chunk(const int32_t* interleaved, std::size_t frame_count, double gain_db);
 
 // Live mode from start to end: returns 0, 30 (the capture child could not
 // be started) or 32 (ended on a failed capture). Exceptions of the stages
 // and of the status writer are left to the caller.
-int run_live_mode(const Options& options, Logger& logger);
+int run_live_mode(const LiveSettings& settings, Logger& logger);
 
 }  // namespace sonderlark

@@ -7,6 +7,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <type_traits>
+
+#include <ctime>
+#include <nlohmann/json.hpp>
 
 #include "report/json.h"
 #include "util/files.h"
@@ -34,14 +38,29 @@ void replace_file(const std::string& temp_path, const std::string& path) {
   }
 }
 
+// Only "YYYY-MM-DDTHH:MM:SSZ" exactly: a timestamp is shown as it stands.
+bool parse_timestamp(const std::string& text, std::time_t& out) {
+  static constexpr char kShape[] = "dddd-dd-ddTdd:dd:ddZ";
+  if (text.size() != sizeof kShape - 1) return false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool digit = text[i] >= '0' && text[i] <= '9';
+    if (kShape[i] == 'd' ? !digit : text[i] != kShape[i]) return false;
+  }
+  auto number = [&text](std::size_t at, std::size_t n) { return std::stoi(text.substr(at, n)); };
+  std::tm tm{};
+  tm.tm_year = number(0, 4) - 1900;
+  tm.tm_mon = number(5, 2) - 1;
+  tm.tm_mday = number(8, 2);
+  tm.tm_hour = number(11, 2);
+  tm.tm_min = number(14, 2);
+  tm.tm_sec = number(17, 2);
+  out = timegm(&tm);
+  return true;
+}
+
 }  // namespace
 
-void write_live_event_json(const std::string& path, const Options& options,
-                           const DirectionEstimate& direction, const ChannelDiagnostics& diagnostics,
-                           bool detected_speech, int64_t chunks_processed, bool pcm_output_connected,
-                           bool live_processing, const std::string& status, const std::string& error,
-                           const std::string& arecord_command, int arecord_exit_code,
-                           const std::string& arecord_stderr) {
+void write_live_status(const std::string& path, const LiveStatus& record) {
   if (path.empty()) return;
   const std::size_t slash = path.rfind('/');
   if (slash != std::string::npos && slash > 0) {
@@ -52,38 +71,73 @@ void write_live_event_json(const std::string& path, const Options& options,
   }
 
   const std::string temp_path = path + ".tmp";
-  JsonWriter record;
-  record.text.reserve(1024 + arecord_stderr.size() + arecord_command.size());
-  json_begin(record);
-  json_string_member(record, "timestamp", now_iso8601_utc());
-  json_bool_member(record, "live_processing", live_processing);
-  json_string_member(record, "source", "sonder_lark --live");
-  json_string_member(record, "status", status);
-  json_string_member(record, "error", error);
-  json_string_member(record, "device", options.device);
-  json_string_member(record, "arecord_command", arecord_command);
-  json_member(record, "arecord_exit_code", std::to_string(arecord_exit_code));
-  json_string_member(record, "arecord_stderr", arecord_stderr);
-  json_member(record, "input_gain_db", fixed(options.input_gain_db, 2));
-  json_member(record, "chunks_processed", std::to_string(chunks_processed));
-  json_string_member(record, "pcm_output", options.pcm_output_path);
-  json_bool_member(record, "pcm_output_connected", pcm_output_connected);
-  json_member(record, "direction_angle_degrees", fixed(direction.angle_degrees, 2));
-  json_member(record, "direction_confidence", fixed(direction.confidence, 3));
-  json_bool_member(record, "direction_low_confidence", direction.low_confidence);
-  json_string_member(record, "direction_method", direction.method);
-  json_string_member(record, "direction_samples_source", direction.samples_source);
-  json_bool_member(record, "detected_speech", detected_speech);
-  json_member(record, "processed_channel_rms", vector_json(diagnostics.rms));
-  json_end(record);
+  LiveStatus stamped = record;
+  stamped.timestamp = now_iso8601_utc();
+  JsonWriter out;
+  out.text.reserve(1024 + record.arecord_stderr.size() + record.arecord_command.size());
+  json_begin(out);
+  each_status_member(stamped, [&out](const char* key, const auto& value, int decimals) {
+    using T = std::decay_t<decltype(value)>;
+    if constexpr (std::is_same_v<T, std::string>) {
+      json_string_member(out, key, value);
+    } else if constexpr (std::is_same_v<T, bool>) {
+      json_bool_member(out, key, value);
+    } else if constexpr (std::is_same_v<T, double>) {
+      json_member(out, key, fixed(value, decimals));
+    } else if constexpr (std::is_same_v<T, int64_t>) {
+      json_member(out, key, std::to_string(value));
+    } else {
+      json_member(out, key, vector_json(value));
+    }
+  });
+  json_end(out);
 
   // Never through a link or into a FIFO planted at the temporary path.
   const int fd = open_regular_for_writing(temp_path);
   if (fd < 0) return;
-  const bool written = write_all(fd, record.text);
+  const bool written = write_all(fd, out.text);
   // A record that did not reach the file whole must not replace the last good one.
   if (close(fd) != 0 || !written) return;
   replace_file(temp_path, path);
+}
+
+double wall_clock_seconds() {
+  timespec t{};
+  clock_gettime(CLOCK_REALTIME, &t);
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
+}
+
+RecordState read_status_record(const std::string& path, double now, StatusRecord& record) {
+  const FileText file = read_file_text(path);
+  if (!file.found) return RecordState::kMissing;
+  if (!file.refused.empty()) {
+    record.refused = file.refused;
+    return RecordState::kRefused;
+  }
+  const nlohmann::json j = nlohmann::json::parse(file.text, nullptr, false);
+  if (j.is_discarded() || !j.is_object()) return RecordState::kTorn;
+  StatusRecord r;
+  std::size_t members = 0;
+  bool complete = true;
+  try {
+    each_status_member(r, [&](const char* key, auto& value, int) {
+      ++members;
+      const auto it = j.find(key);
+      if (it == j.end()) {
+        complete = false;
+      } else {
+        value = it->template get<std::decay_t<decltype(value)>>();
+      }
+    });
+  } catch (const nlohmann::json::exception&) {
+    return RecordState::kTorn;
+  }
+  if (!complete || j.size() != members || !parse_timestamp(r.timestamp, r.time)) return RecordState::kTorn;
+  record = std::move(r);
+  if (record.status == "running" && now - static_cast<double>(record.time) > kStaleAfterSeconds) {
+    return RecordState::kStale;
+  }
+  return RecordState::kFresh;
 }
 
 }  // namespace sonderlark

@@ -8,11 +8,14 @@
 
 namespace sonderlark {
 
-void write_event_json(const std::string& path, const Options& options, const WavData& input,
-                      double duration, const ChannelDiagnostics& raw,
-                      const ChannelDiagnostics& processed, const ChannelDiagnostics& beamformed,
-                      const DirectionEstimate& direction, const BeamformResult& beam,
-                      const std::vector<std::string>& warnings) {
+void write_event_json(const std::string& path, const Manifest& manifest) {
+  const WavData& input = manifest.format;
+  const ChannelDiagnostics& raw = manifest.raw;
+  const ChannelDiagnostics& processed = manifest.processed;
+  const ChannelDiagnostics& beamformed = manifest.beamformed;
+  const DirectionEstimate& direction = manifest.direction;
+  const BeamformResult& beam = manifest.beam;
+  const std::vector<std::string>& warnings = manifest.warnings;
   FileReplacement file = begin_replacement(path);
   if (file.fd < 0) throw std::runtime_error("failed to write event JSON: " + path);
 
@@ -27,13 +30,13 @@ void write_event_json(const std::string& path, const Options& options, const Wav
   JsonWriter out;
   json_begin(out);
   json_string_member(out, "timestamp", now_iso8601_utc());
-  json_string_member(out, "device", options.device);
+  json_string_member(out, "device", manifest.device);
   json_member(out, "sample_rate", std::to_string(input.sample_rate));
   json_member(out, "channels", std::to_string(input.channels));
-  json_member(out, "duration_seconds", fixed(duration, 3));
-  json_string_member(out, "raw_wav", options.output_path);
-  json_string_member(out, "beamformed_wav", options.beamformed_path);
-  json_member(out, "input_gain_db", fixed(options.input_gain_db, 2));
+  json_member(out, "duration_seconds", fixed(manifest.duration, 3));
+  json_string_member(out, "raw_wav", manifest.raw_wav);
+  json_string_member(out, "beamformed_wav", manifest.beamformed_wav);
+  json_member(out, "input_gain_db", fixed(manifest.input_gain_db, 2));
   json_member(out, "channel_rms", vector_json(raw.rms));
   json_member(out, "channel_peak", vector_json(raw.peak));
   json_member(out, "channel_noise_floor", vector_json(raw.noise_floor));

@@ -1,41 +1,20 @@
-#include "report/status_view.h"
+#include "monitor/frame.h"
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <string>
-#include <nlohmann/json.hpp>
 
 #include "util/text.h"
 
 namespace sonderlark {
 namespace {
 
-constexpr std::size_t kStatusMembers = 20;
 constexpr double kPi = 3.141592653589793;
 constexpr int kDialRadius = 9;       // rows; the dial is twice as wide as high
 constexpr double kMeterFloorDb = -60.0;
 constexpr int kMeterWidth = 40;
 constexpr int kBarWidth = 30;
-
-// Only "YYYY-MM-DDTHH:MM:SSZ" exactly: a timestamp is shown as it stands.
-bool parse_timestamp(const std::string& text, std::time_t& out) {
-  static constexpr char kShape[] = "dddd-dd-ddTdd:dd:ddZ";
-  if (text.size() != sizeof kShape - 1) return false;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const bool digit = text[i] >= '0' && text[i] <= '9';
-    if (kShape[i] == 'd' ? !digit : text[i] != kShape[i]) return false;
-  }
-  auto number = [&text](std::size_t at, std::size_t n) { return std::stoi(text.substr(at, n)); };
-  std::tm tm{};
-  tm.tm_year = number(0, 4) - 1900;
-  tm.tm_mon = number(5, 2) - 1;
-  tm.tm_mday = number(8, 2);
-  tm.tm_hour = number(11, 2);
-  tm.tm_min = number(14, 2);
-  tm.tm_sec = number(17, 2);
-  out = timegm(&tm);
-  return true;
-}
 
 // Outside text is filtered before a line is cut to width, so that the width
 // counts what is shown; monitor_frame filters every line once more after the
@@ -82,51 +61,6 @@ std::vector<std::string> dial(double angle, bool show_needle) {
 
 }  // namespace
 
-double wall_clock_seconds() {
-  timespec t{};
-  clock_gettime(CLOCK_REALTIME, &t);
-  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
-}
-
-RecordState read_status_record(const std::string& path, double now, StatusRecord& record) {
-  const FileText file = read_file_text(path);
-  if (!file.found) return RecordState::kMissing;
-  if (!file.refused.empty()) {
-    record.refused = file.refused;
-    return RecordState::kRefused;
-  }
-  const nlohmann::json j = nlohmann::json::parse(file.text, nullptr, false);
-  if (j.is_discarded() || !j.is_object() || j.size() != kStatusMembers) return RecordState::kTorn;
-  try {
-    StatusRecord r;
-    r.timestamp = j.at("timestamp").get<std::string>();
-    if (!parse_timestamp(r.timestamp, r.time)) return RecordState::kTorn;
-    r.status = j.at("status").get<std::string>();
-    r.error = j.at("error").get<std::string>();
-    r.device = j.at("device").get<std::string>();
-    r.arecord_command = j.at("arecord_command").get<std::string>();
-    r.arecord_exit_code = j.at("arecord_exit_code").get<int64_t>();
-    r.arecord_stderr = j.at("arecord_stderr").get<std::string>();
-    r.input_gain_db = j.at("input_gain_db").get<double>();
-    r.chunks_processed = j.at("chunks_processed").get<int64_t>();
-    r.pcm_output = j.at("pcm_output").get<std::string>();
-    r.pcm_output_connected = j.at("pcm_output_connected").get<bool>();
-    r.direction_angle_degrees = j.at("direction_angle_degrees").get<double>();
-    r.direction_confidence = j.at("direction_confidence").get<double>();
-    r.direction_low_confidence = j.at("direction_low_confidence").get<bool>();
-    r.detected_speech = j.at("detected_speech").get<bool>();
-    r.processed_channel_rms = j.at("processed_channel_rms").get<std::vector<double>>();
-    record = std::move(r);
-  } catch (const nlohmann::json::exception&) {
-    return RecordState::kTorn;
-  }
-  if (record.status == "running" && now - static_cast<double>(record.time) > kStaleAfterSeconds) {
-    return RecordState::kStale;
-  }
-  return RecordState::kFresh;
-}
-
-double level_dbfs(double rms) { return rms > 0.0 ? std::max(20.0 * std::log10(rms), -120.0) : -120.0; }
 
 namespace {
 
@@ -218,6 +152,56 @@ std::vector<FrameLine> compact_lines(const std::string& path, RecordState state,
   return lines;
 }
 
+// The status line, and a failed capture's error and standard error lines
+// as far as there is room.
+void add_status_lines(const StatusRecord& record, MonitorMemory& memory, double seconds, ScreenSize screen,
+                      const std::function<std::string(const std::string&)>& fit, std::vector<FrameLine>& lines) {
+  const std::string rate = chunk_rate(record, memory, seconds);
+  lines.push_back({fit("status: " + printable(record.status) + "   chunks: " + std::to_string(record.chunks_processed) +
+                       "   rate: " + rate + "   at " + record.timestamp),
+                   record.status == "running" ? LineStyle::kGood : LineStyle::kAlert});
+  if (record.status == "restarting" || record.status == "degraded") {
+    lines.push_back({fit("  " + printable(record.error) + " (exit code " + std::to_string(record.arecord_exit_code) +
+                         ")"),
+                     LineStyle::kAlert});
+    std::size_t start = 0;
+    // The error line takes the blank line's place; its standard error
+    // lines come as far as there is room.
+    const int room = std::min(3, screen.rows - kFullScreen.rows);
+    for (int shown = 0; start < record.arecord_stderr.size() && shown < room; ++shown) {
+      const std::size_t end = std::min(record.arecord_stderr.find('\n', start), record.arecord_stderr.size());
+      lines.push_back({fit("  stderr: " + printable(record.arecord_stderr.substr(start, end - start))),
+                       LineStyle::kAlert});
+      start = end + 1;
+    }
+  }
+}
+
+// The dial, the confidence, the meters and the PCM and capture lines.
+void add_direction_and_levels(const StatusRecord& record, MonitorMemory& memory, double seconds, ScreenSize screen,
+                              const std::function<std::string(const std::string&)>& fit,
+                              std::vector<FrameLine>& lines) {
+  const bool have_direction = !record.processed_channel_rms.empty();
+  for (const std::string& row : dial(record.direction_angle_degrees, have_direction)) {
+    lines.push_back({row, LineStyle::kNeedle});
+  }
+  lines.push_back({"direction: " + fixed(record.direction_angle_degrees, 2) + " degrees"});
+  lines.push_back({"confidence [" + bar(record.direction_confidence, kBarWidth, '#', '-') + "] " +
+                       fixed(record.direction_confidence, 3) + (record.direction_low_confidence ? " (low)" : ""),
+                   record.direction_low_confidence ? LineStyle::kDim : LineStyle::kGood});
+  lines.push_back({""});
+
+  // Meters from -60 to 0 dBFS with a mark at the level held over 2 s.
+  lines.push_back({"processed levels, dBFS (-60 .. 0, | = highest of the last 2 s)"});
+  const std::vector<MeterReading> meters = meter_readings(record, memory, seconds);
+  const int meter_width = std::clamp(screen.cols - 20, kMeterWidth, 100);
+  for (std::size_t c = 0; c < meters.size(); ++c) lines.push_back({meter_line(c, meters[c], meter_width), LineStyle::kGood});
+  lines.push_back({fit(std::string("speech seen: ") + (record.detected_speech ? "yes" : "no") +
+                       "   PCM output: " + (record.pcm_output_connected ? "connected" : "not connected") + " (" +
+                       printable(record.pcm_output) + ")")});
+  lines.push_back({fit("capture: " + printable(record.arecord_command))});
+}
+
 std::vector<FrameLine> frame_lines(const std::string& path, RecordState state, const StatusRecord& record,
                                    MonitorMemory& memory, double seconds, ScreenSize screen) {
   if (screen.cols < kCompactScreen.cols || screen.rows < kCompactScreen.rows) {
@@ -253,47 +237,11 @@ std::vector<FrameLine> frame_lines(const std::string& path, RecordState state, c
                      LineStyle::kBanner});
   }
 
-  const std::string rate = chunk_rate(record, memory, seconds);
-  lines.push_back({fit("status: " + printable(record.status) + "   chunks: " + std::to_string(record.chunks_processed) +
-                       "   rate: " + rate + "   at " + record.timestamp),
-                   record.status == "running" ? LineStyle::kGood : LineStyle::kAlert});
-  if (record.status == "restarting" || record.status == "degraded") {
-    lines.push_back({fit("  " + printable(record.error) + " (exit code " + std::to_string(record.arecord_exit_code) +
-                         ")"),
-                     LineStyle::kAlert});
-    std::size_t start = 0;
-    // The error line takes the blank line's place; its standard error
-    // lines come as far as there is room.
-    const int room = std::min(3, screen.rows - kFullScreen.rows);
-    for (int shown = 0; start < record.arecord_stderr.size() && shown < room; ++shown) {
-      const std::size_t end = std::min(record.arecord_stderr.find('\n', start), record.arecord_stderr.size());
-      lines.push_back({fit("  stderr: " + printable(record.arecord_stderr.substr(start, end - start))),
-                       LineStyle::kAlert});
-      start = end + 1;
-    }
-  }
+  add_status_lines(record, memory, seconds, screen, fit, lines);
   // A blank line under a status line alone: a banner or an error line takes its place.
   if (lines.size() == 2) lines.push_back({""});
 
-  const bool have_direction = !record.processed_channel_rms.empty();
-  for (const std::string& row : dial(record.direction_angle_degrees, have_direction)) {
-    lines.push_back({row, LineStyle::kNeedle});
-  }
-  lines.push_back({"direction: " + fixed(record.direction_angle_degrees, 2) + " degrees"});
-  lines.push_back({"confidence [" + bar(record.direction_confidence, kBarWidth, '#', '-') + "] " +
-                       fixed(record.direction_confidence, 3) + (record.direction_low_confidence ? " (low)" : ""),
-                   record.direction_low_confidence ? LineStyle::kDim : LineStyle::kGood});
-  lines.push_back({""});
-
-  // Meters from -60 to 0 dBFS with a mark at the level held over 2 s.
-  lines.push_back({"processed levels, dBFS (-60 .. 0, | = highest of the last 2 s)"});
-  const std::vector<MeterReading> meters = meter_readings(record, memory, seconds);
-  const int meter_width = std::clamp(screen.cols - 20, kMeterWidth, 100);
-  for (std::size_t c = 0; c < meters.size(); ++c) lines.push_back({meter_line(c, meters[c], meter_width), LineStyle::kGood});
-  lines.push_back({fit(std::string("speech seen: ") + (record.detected_speech ? "yes" : "no") +
-                       "   PCM output: " + (record.pcm_output_connected ? "connected" : "not connected") + " (" +
-                       printable(record.pcm_output) + ")")});
-  lines.push_back({fit("capture: " + printable(record.arecord_command))});
+  add_direction_and_levels(record, memory, seconds, screen, fit, lines);
   return lines;
 }
 

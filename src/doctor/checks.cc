@@ -1,37 +1,21 @@
-#include "cli/doctor.h"
+#include "doctor/checks.h"
 
-#include <dirent.h>
 #include <pwd.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <functional>
-#include <iostream>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <thread>
 
-#include "cli/options.h"
 #include "dsp/diagnostics.h"
 #include "live/capture.h"
-#include "live/live_mode.h"
-#include "report/status_view.h"
+#include "report/live_status.h"
 #include "util/text.h"
-
-extern char** environ;
 
 namespace sonderlark {
 namespace {
-
-constexpr double kTapSeconds = 3.0;
 
 std::string db(double v) { return fixed(v, 1); }
 
@@ -43,45 +27,9 @@ double median_without(std::vector<double> v, std::size_t skip) {
   return v[(v.size() - 1) / 2];
 }
 
-// Runs a shell command; its standard output and error, and its exit code.
-std::pair<int, std::string> run_command(const std::string& command) {
-  std::string output;
-  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-  if (pipe == nullptr) return {-1, ""};
-  char buffer[4096];
-  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
-  const int status = pclose(pipe);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0), output};
-}
-
-bool on_path(const std::string& program) {
-  const char* path = std::getenv("PATH");
-  std::istringstream dirs(path != nullptr ? path : "");
-  for (std::string dir; std::getline(dirs, dir, ':');) {
-    if (!dir.empty() && access((dir + "/" + program).c_str(), X_OK) == 0) return true;
-  }
-  return false;
-}
-
-std::string last_line(const std::string& text) {
-  std::string line;
-  std::istringstream in(text);
-  for (std::string l; std::getline(in, l);) {
-    if (!l.empty()) line = l;
-  }
-  return line;
-}
-
 std::string load_module_line(const std::string& pcm_path) {
   return "pactl load-module module-pipe-source source_name=sonderlark_mic file=" + shell_quote(pcm_path) +
          " format=s16le rate=16000 channels=1";
-}
-
-// The PCM path to advise: in the private runtime folder when there is one.
-std::string private_pcm_path() {
-  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-  if (runtime != nullptr && *runtime != '\0') return std::string(runtime) + "/sonderlark-beamformed-mic.pcm";
-  return Options{}.pcm_output_path;
 }
 
 // The value of `key=` in a module's argument text, quotes removed.
@@ -117,77 +65,15 @@ std::vector<PipeSource> pipe_sources(const std::string& modules) {
   return out;
 }
 
-// The sound devices of the ALSA card that `device` names (hw:N, plughw:N),
-// or every sound device.
-std::string card_prefix(const std::string& device) {
-  const std::size_t colon = device.find(':');
-  if (colon != std::string::npos && (device.starts_with("hw:") || device.starts_with("plughw:"))) {
-    const std::string card = device.substr(colon + 1, device.find(',') - colon - 1);
-    if (!card.empty() && std::all_of(card.begin(), card.end(), ::isdigit)) return "/dev/snd/pcmC" + card + "D";
-  }
-  return "/dev/snd/";
-}
-
 }  // namespace
 
-void print_doctor_usage(const char* program) {
-  std::cout << "Usage: " << program
-            << " [--device NAME] [--seconds N] [--tap] [--pcm-output PATH] [--virtual-mic] [--event-output PATH]"
-               " [--json]\n"
-            << "  --device NAME      ALSA capture device. Default: hw:1,0.\n"
-            << "  --seconds N        Length of the channel recording, 1 to 60 s. Default: 5.\n"
-            << "  --tap              Also check the channel order: tap microphone 0, 1, 2 and 3 in turn.\n"
-            << "  --pcm-output PATH  Virtual microphone FIFO. Default: the one the live status file names,\n"
-            << "                     else the loaded pipe source's; none: the check is skipped.\n"
-            << "  --virtual-mic      A virtual microphone is wanted: check one even if none is set up.\n"
-            << "  --event-output PATH  Live status file. Default: the live mode's own default.\n"
-            << "  --json             Print one JSON object instead of text.\n"
-            << "Exit status: 0 every check passed, 1 problems found, 2 refused command line.\n";
-}
-
-bool parse_doctor_args(int argc, char** argv, DoctorOptions& options, std::string& error, bool& help) {
-  help = false;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    auto value = [&](std::string& out) {
-      if (i + 1 >= argc) {
-        error = arg + " requires a value";
-        return false;
-      }
-      out = argv[++i];
-      return true;
-    };
-    std::string text;
-    if (arg == "--help" || arg == "-h") {
-      help = true;
-      return false;
-    } else if (arg == "--device") {
-      if (!value(options.device)) return false;
-    } else if (arg == "--pcm-output") {
-      if (!value(options.pcm_path)) return false;
-    } else if (arg == "--event-output") {
-      if (!value(options.status_path)) return false;
-    } else if (arg == "--seconds") {
-      if (!value(text)) return false;
-      char* end = nullptr;
-      const long n = std::strtol(text.c_str(), &end, 10);
-      if (text.empty() || *end != '\0' || n < 1 || n > 60) {
-        error = "invalid value for --seconds: " + text;
-        return false;
-      }
-      options.seconds = static_cast<int32_t>(n);
-    } else if (arg == "--tap") {
-      options.tap = true;
-    } else if (arg == "--virtual-mic") {
-      options.virtual_mic = true;
-    } else if (arg == "--json") {
-      options.json = true;
-    } else {
-      error = "Unknown argument: " + arg;
-      return false;
-    }
+std::string last_line(const std::string& text) {
+  std::string line;
+  std::istringstream in(text);
+  for (std::string l; std::getline(in, l);) {
+    if (!l.empty()) line = l;
   }
-  return true;
+  return line;
 }
 
 HardwareOffer parse_hw_params(const std::string& dump) {
@@ -246,6 +132,31 @@ std::vector<ChannelMeasure> measure_channels(const WavData& recording) {
   return out;
 }
 
+namespace {
+
+// The channel check's message, details and advice from its findings, then
+// every channel's figures.
+void summarise_channels(const std::vector<std::string>& findings, const std::vector<std::string>& advice, Check& c) {
+  const std::vector<ChannelMeasure>& m = c.channels;
+  if (findings.empty()) {
+    c.message = "all " + std::to_string(m.size()) + " channels hear the sound alike";
+  } else {
+    c.state = "problem";
+    c.message = findings[0].substr(0, findings[0].find_first_of("(:") - 1);
+    if (findings.size() > 1) c.message += " (and " + std::to_string(findings.size() - 1) + " more)";
+    c.details = findings;
+    for (const std::string& sentence : advice) c.advice += (c.advice.empty() ? "" : " ") + sentence;
+    c.advice += " Until every channel hears the sound alike, directions are not to be trusted.";
+  }
+  for (std::size_t ch = 0; ch < m.size(); ++ch) {
+    c.details.push_back("channel " + std::to_string(ch) + ": level " + db(m[ch].level_dbfs) + " dBFS, peak " +
+                        db(m[ch].peak_dbfs) + " dBFS, noise floor " + db(m[ch].floor_dbfs) + " dBFS, clipped " +
+                        std::to_string(m[ch].clipped) + ", DC offset " + fixed(m[ch].dc_offset, 6));
+  }
+}
+
+}  // namespace
+
 Check channels_check(const WavData& recording) {
   const ChannelDiagnostics d = diagnose_channels(recording, "channel");
   const std::vector<ChannelMeasure> m = measure_channels(recording);
@@ -293,21 +204,7 @@ Check channels_check(const WavData& recording) {
              "that stays quiet has a failing microphone.");
     }
   }
-  if (findings.empty()) {
-    c.message = "all " + std::to_string(m.size()) + " channels hear the sound alike";
-  } else {
-    c.state = "problem";
-    c.message = findings[0].substr(0, findings[0].find_first_of("(:") - 1);
-    if (findings.size() > 1) c.message += " (and " + std::to_string(findings.size() - 1) + " more)";
-    c.details = findings;
-    for (const std::string& sentence : advice) c.advice += (c.advice.empty() ? "" : " ") + sentence;
-    c.advice += " Until every channel hears the sound alike, directions are not to be trusted.";
-  }
-  for (std::size_t ch = 0; ch < m.size(); ++ch) {
-    c.details.push_back("channel " + std::to_string(ch) + ": level " + db(m[ch].level_dbfs) + " dBFS, peak " +
-                        db(m[ch].peak_dbfs) + " dBFS, noise floor " + db(m[ch].floor_dbfs) + " dBFS, clipped " +
-                        std::to_string(m[ch].clipped) + ", DC offset " + fixed(m[ch].dc_offset, 6));
-  }
+  summarise_channels(findings, advice, c);
   return c;
 }
 
@@ -347,41 +244,49 @@ std::string route_definition(const std::string& name, const std::string& device,
   return text + " }";
 }
 
+namespace {
+
+// The channel tap `tap` (in its window of `window` samples) reached first
+// and loudest, or -1 when that is unclear; a line of detail says what was heard.
+int tap_channel(const WavData& recording, std::size_t tap, std::size_t window, std::vector<std::string>& details) {
+  double top = 0.0;
+  std::size_t loudest = 0;
+  for (std::size_t ch = 0; ch < recording.samples.size(); ++ch) {
+    for (std::size_t i = tap * window; i < std::min((tap + 1) * window, recording.samples[ch].size()); ++i) {
+      if (std::fabs(recording.samples[ch][i]) > top) {
+        top = std::fabs(recording.samples[ch][i]);
+        loudest = ch;
+      }
+    }
+  }
+  std::size_t earliest = 0, first_onset = SIZE_MAX;
+  for (std::size_t ch = 0; ch < recording.samples.size() && top >= kSilencePeakThreshold; ++ch) {
+    for (std::size_t i = tap * window; i < std::min((tap + 1) * window, recording.samples[ch].size()); ++i) {
+      if (std::fabs(recording.samples[ch][i]) >= 0.25 * top) {
+        if (i < first_onset) {
+          first_onset = i;
+          earliest = ch;
+        }
+        break;
+      }
+    }
+  }
+  const bool clear = top >= kSilencePeakThreshold && earliest == loudest;
+  details.push_back("tap on microphone " + std::to_string(tap) + ": " +
+                      (top < kSilencePeakThreshold ? std::string("nothing heard")
+                       : clear ? "first and loudest on channel " + std::to_string(loudest)
+                               : "first on channel " + std::to_string(earliest) + ", loudest on channel " +
+                                     std::to_string(loudest)));
+  return clear ? static_cast<int>(loudest) : -1;
+}
+
+}  // namespace
+
 Check tap_check(const WavData& recording, double tap_seconds, const std::string& device) {
   Check c{"channel order", "ok", "", {}, ""};
   const auto window = static_cast<std::size_t>(tap_seconds * recording.sample_rate);
   std::vector<int> found;  // per tap, the channel it reached first and loudest; -1 unclear
-  for (std::size_t tap = 0; tap < 4; ++tap) {
-    double top = 0.0;
-    std::size_t loudest = 0;
-    for (std::size_t ch = 0; ch < recording.samples.size(); ++ch) {
-      for (std::size_t i = tap * window; i < std::min((tap + 1) * window, recording.samples[ch].size()); ++i) {
-        if (std::fabs(recording.samples[ch][i]) > top) {
-          top = std::fabs(recording.samples[ch][i]);
-          loudest = ch;
-        }
-      }
-    }
-    std::size_t earliest = 0, first_onset = SIZE_MAX;
-    for (std::size_t ch = 0; ch < recording.samples.size() && top >= kSilencePeakThreshold; ++ch) {
-      for (std::size_t i = tap * window; i < std::min((tap + 1) * window, recording.samples[ch].size()); ++i) {
-        if (std::fabs(recording.samples[ch][i]) >= 0.25 * top) {
-          if (i < first_onset) {
-            first_onset = i;
-            earliest = ch;
-          }
-          break;
-        }
-      }
-    }
-    const bool clear = top >= kSilencePeakThreshold && earliest == loudest;
-    found.push_back(clear ? static_cast<int>(loudest) : -1);
-    c.details.push_back("tap on microphone " + std::to_string(tap) + ": " +
-                        (top < kSilencePeakThreshold ? std::string("nothing heard")
-                         : clear ? "first and loudest on channel " + std::to_string(loudest)
-                                 : "first on channel " + std::to_string(earliest) + ", loudest on channel " +
-                                       std::to_string(loudest)));
-  }
+  for (std::size_t tap = 0; tap < 4; ++tap) found.push_back(tap_channel(recording, tap, window, c.details));
   std::string order;
   for (int f : found) {
     if (!order.empty()) order += '-';
@@ -441,6 +346,47 @@ MicSetup find_mic_setup(const DoctorOptions& options, const std::string& status_
   return {};
 }
 
+namespace {
+
+// The pipe source loaded for `pcm_path` (a FIFO whose lstat is `st`), judged.
+void judge_pipe_source(const std::string& pcm_path, const std::string& modules, const struct stat& st,
+                       const std::string& load_private, Check& c) {
+  // The pipe source for this path, if one is loaded.
+  std::string index, args;
+  for (const PipeSource& source : pipe_sources(modules)) {
+    if (source.file == pcm_path) {
+      index = source.index;
+      args = source.args;
+    }
+  }
+  if (index.empty()) {
+    c.state = "problem";
+    c.message = "no module-pipe-source is loaded for " + pcm_path;
+    c.advice = "load one in your private runtime folder (it makes the FIFO itself): " + load_private;
+    return;
+  }
+  const std::string format = module_argument(args, "format"), rate = module_argument(args, "rate");
+  const std::string channels = module_argument(args, "channels");
+  c.details.push_back("module " + index + ": format=" + format + " rate=" + rate + " channels=" + channels);
+  if (format != "s16le" || rate != "16000" || channels != "1") {
+    c.state = "problem";
+    c.message = "the pipe source for " + pcm_path + " expects " + format + ", " + rate + " Hz, " + channels +
+                " channels; the tool writes s16le, 16000 Hz, 1 channel";
+    c.advice = "reload it: pactl unload-module " + index + "; " + load_module_line(pcm_path);
+  } else if (!S_ISFIFO(st.st_mode) || (st.st_uid != geteuid() && st.st_uid != 0)) {
+    c.state = "problem";
+    c.message = pcm_path + " is not a FIFO of yours";
+    c.advice = "unload the module, remove the path, and load it again in your private runtime folder: " + load_private;
+  } else {
+    c.message = pcm_path + " feeds module-pipe-source " + index + " (s16le, 16000 Hz, mono)";
+    if (pcm_path.starts_with("/tmp/")) {
+      c.details.push_back("/tmp is open to every local user: a private runtime folder keeps the audio yours");
+    }
+  }
+}
+
+}  // namespace
+
 Check virtual_mic_check(const MicSetup& setup, bool server_answered, const std::string& modules,
                         const std::vector<std::string>& readers, const std::string& runtime_default) {
   Check c{"virtual microphone", "ok", "", {}, ""};
@@ -479,38 +425,7 @@ Check virtual_mic_check(const MicSetup& setup, bool server_answered, const std::
                "--start), then load the pipe source: " + load_private;
     return c;
   }
-  // The pipe source for this path, if one is loaded.
-  std::string index, args;
-  for (const PipeSource& source : pipe_sources(modules)) {
-    if (source.file == pcm_path) {
-      index = source.index;
-      args = source.args;
-    }
-  }
-  if (index.empty()) {
-    c.state = "problem";
-    c.message = "no module-pipe-source is loaded for " + pcm_path;
-    c.advice = "load one in your private runtime folder (it makes the FIFO itself): " + load_private;
-    return c;
-  }
-  const std::string format = module_argument(args, "format"), rate = module_argument(args, "rate");
-  const std::string channels = module_argument(args, "channels");
-  c.details.push_back("module " + index + ": format=" + format + " rate=" + rate + " channels=" + channels);
-  if (format != "s16le" || rate != "16000" || channels != "1") {
-    c.state = "problem";
-    c.message = "the pipe source for " + pcm_path + " expects " + format + ", " + rate + " Hz, " + channels +
-                " channels; the tool writes s16le, 16000 Hz, 1 channel";
-    c.advice = "reload it: pactl unload-module " + index + "; " + load_module_line(pcm_path);
-  } else if (!S_ISFIFO(st.st_mode) || (st.st_uid != geteuid() && st.st_uid != 0)) {
-    c.state = "problem";
-    c.message = pcm_path + " is not a FIFO of yours";
-    c.advice = "unload the module, remove the path, and load it again in your private runtime folder: " + load_private;
-  } else {
-    c.message = pcm_path + " feeds module-pipe-source " + index + " (s16le, 16000 Hz, mono)";
-    if (pcm_path.starts_with("/tmp/")) {
-      c.details.push_back("/tmp is open to every local user: a private runtime folder keeps the audio yours");
-    }
-  }
+  judge_pipe_source(pcm_path, modules, st, load_private, c);
   return c;
 }
 
@@ -554,25 +469,6 @@ Check status_check(const std::string& status_path, double now) {
   return c;
 }
 
-std::vector<std::string> processes_holding(const std::string& prefix) {
-  std::vector<std::string> out;
-  std::error_code ec;
-  for (const auto& proc : std::filesystem::directory_iterator("/proc", ec)) {
-    const std::string pid = proc.path().filename().string();
-    if (!std::all_of(pid.begin(), pid.end(), ::isdigit) || pid == std::to_string(getpid())) continue;
-    std::error_code fd_ec;
-    for (const auto& fd : std::filesystem::directory_iterator(proc.path() / "fd", fd_ec)) {
-      std::error_code link_ec;
-      if (std::filesystem::read_symlink(fd.path(), link_ec).string().starts_with(prefix)) {
-        std::string comm = last_line(read_text_file((proc.path() / "comm").string()));
-        out.push_back(pid + " (" + comm + ")");
-        break;
-      }
-    }
-  }
-  return out;
-}
-
 std::string doctor_text(const std::vector<Check>& checks) {
   std::string out;
   int counts[3] = {0, 0, 0};
@@ -614,123 +510,6 @@ std::string doctor_json(const std::string& device, const std::vector<Check>& che
   j["problems"] = counts[1];
   j["skipped"] = counts[2];
   return j.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
-}
-
-namespace {
-
-// Records `seconds` through the one-shot run's capture command; on the way,
-// `during(elapsed)` is called every 100 ms while arecord runs.
-std::pair<int, std::string> record(const std::string& device, double seconds, const std::string& path,
-                                   const std::function<void(double)>& during) {
-  const std::string command =
-      one_shot_capture_command(device, static_cast<int32_t>(std::ceil(seconds)), path) + " >" +
-      shell_quote(path + ".out") + " 2>&1";
-  const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
-  pid_t pid = -1;
-  if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0) return {-1, ""};
-  const auto start = std::chrono::steady_clock::now();
-  int status = 0;
-  while (waitpid(pid, &status, WNOHANG) == 0) {
-    during(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128, read_text_file(path + ".out")};
-}
-
-}  // namespace
-
-int run_doctor(int argc, char** argv) {
-  DoctorOptions options;
-  std::string error;
-  bool help = false;
-  const char* program = argc > 0 && argv[0] != nullptr ? argv[0] : "sonderlark-doctor";
-  if (!parse_doctor_args(argc, argv, options, error, help)) {
-    if (!error.empty()) std::cerr << error << '\n';
-    print_doctor_usage(program);
-    return help ? 0 : 2;
-  }
-  if (options.status_path.empty()) options.status_path = choose_status_path(Options{});
-
-  std::vector<Check> checks;
-  std::string skip_reason;
-  if (!on_path("arecord")) {
-    checks.push_back({"device", "problem", "arecord is not installed", {}, "install alsa-utils (apt install alsa-utils)"});
-    skip_reason = "arecord is not installed";
-  } else {
-    const auto [code, output] = run_command("timeout 15 arecord -D " + shell_quote(options.device) +
-                                            " --dump-hw-params -f S32_LE -r 16000 -c 4 -s 1 -t raw /dev/null");
-    checks.push_back(device_check(options.device, code, output, processes_holding(card_prefix(options.device))));
-    if (code != 0) skip_reason = "the device check failed";
-  }
-
-  char folder[] = "/tmp/sonderlark-doctor-XXXXXX";
-  const bool have_folder = skip_reason.empty() && mkdtemp(folder) != nullptr;
-  WavData recording;
-  if (skip_reason.empty()) {
-    const std::string wav = std::string(folder) + "/channels.wav";
-    const auto [code, output] = record(options.device, options.seconds, wav, [](double) {});
-    try {
-      if (code != 0) throw std::runtime_error("arecord exited with status " + std::to_string(code) + ": " + last_line(output));
-      recording = read_wav(wav);
-      checks.push_back(channels_check(recording));
-      checks.push_back(gain_check(recording));
-    } catch (const std::exception& e) {
-      checks.push_back({"channels", "problem", std::string("no recording: ") + e.what(), {}, ""});
-      skip_reason = "there is no recording";
-    }
-  }
-  if (!skip_reason.empty()) {
-    if (checks.size() == 1) checks.push_back({"channels", "skipped", "not recorded: " + skip_reason, {}, ""});
-    checks.push_back({"gain", "skipped", "not judged: " + skip_reason, {}, ""});
-  }
-
-  if (!options.tap) {
-    checks.push_back({"channel order", "skipped", "run sonderlark-doctor --tap to check which channel is which microphone",
-                      {}, ""});
-  } else if (!skip_reason.empty()) {
-    checks.push_back({"channel order", "skipped", "not checked: " + skip_reason, {}, ""});
-  } else {
-    std::cerr << "Channel order: tap microphone 0, 1, 2 and 3 in turn, once each, " << kTapSeconds
-              << " s apart, starting when the recording starts. Press Enter to start.\n";
-    std::string answer;
-    if (!std::getline(std::cin, answer)) {
-      checks.push_back({"channel order", "skipped", "no answer on standard input", {}, ""});
-    } else {
-      int prompted = -1;
-      const std::string wav = std::string(folder) + "/taps.wav";
-      const auto [code, output] = record(options.device, 4 * kTapSeconds, wav, [&](double elapsed) {
-        const int tap = static_cast<int>(elapsed / kTapSeconds);
-        if (tap < 4 && tap > prompted) {
-          prompted = tap;
-          std::cerr << "now tap microphone " << tap << "\n";
-        }
-      });
-      try {
-        if (code != 0) throw std::runtime_error("arecord exited with status " + std::to_string(code));
-        checks.push_back(tap_check(read_wav(wav), kTapSeconds, options.device));
-      } catch (const std::exception& e) {
-        checks.push_back({"channel order", "problem", std::string("no recording: ") + e.what(), {}, ""});
-      }
-    }
-  }
-  if (have_folder) std::filesystem::remove_all(folder);
-
-  const auto [pactl_code, modules] = on_path("pactl") ? run_command("timeout 10 pactl list modules short")
-                                                       : std::pair<int, std::string>{-1, ""};
-  StatusRecord live_record;
-  const RecordState live_state = read_status_record(options.status_path, wall_clock_seconds(), live_record);
-  const bool have_record = live_state == RecordState::kFresh || live_state == RecordState::kStale;
-  const std::string runtime_default = private_pcm_path();
-  const MicSetup setup = find_mic_setup(options, have_record ? live_record.pcm_output : "",
-                                        pactl_code == 0 ? modules : "", runtime_default);
-  checks.push_back(virtual_mic_check(setup, pactl_code == 0, pactl_code == 0 ? modules : "",
-                                     setup.pcm_path.empty() ? std::vector<std::string>{}
-                                                            : processes_holding(setup.pcm_path),
-                                     runtime_default));
-  checks.push_back(status_check(options.status_path, wall_clock_seconds()));
-
-  std::cout << (options.json ? doctor_json(options.device, checks) : doctor_text(checks));
-  return std::any_of(checks.begin(), checks.end(), [](const Check& c) { return c.state == "problem"; }) ? 1 : 0;
 }
 
 }  // namespace sonderlark

@@ -1,7 +1,8 @@
 #pragma once
 
-// sonderlark-doctor: checks an array and its surroundings before a run is
-// trusted. Each check gives one Check; the program prints them in order.
+// The doctor's checks: each takes what was found (a recording, a command's
+// output, a status record) and gives one Check. Nothing here runs a
+// process or reads a device.
 
 #include <cstdint>
 #include <string>
@@ -20,12 +21,6 @@ struct DoctorOptions {
   std::string status_path;  // empty: the tool's default
   bool json = false;
 };
-
-// Fills `options` from the command line; false (with `error` set, unless
-// the line asked for --help) when it is refused.
-bool parse_doctor_args(int argc, char** argv, DoctorOptions& options, std::string& error, bool& help);
-
-void print_doctor_usage(const char* program);
 
 // Per channel: level, peak and noise floor in dBFS, clipped samples, DC offset.
 struct ChannelMeasure {
@@ -105,17 +100,12 @@ Check virtual_mic_check(const MicSetup& setup, bool server_answered, const std::
 // The live status file at wall-clock time `now`.
 Check status_check(const std::string& status_path, double now);
 
-// "PID (NAME)" of every process with a file descriptor on a path that
-// starts with `prefix`.
-std::vector<std::string> processes_holding(const std::string& prefix);
+// The last non-empty line of `text`.
+std::string last_line(const std::string& text);
 
 // Text: a line per check, its details and advice, then the summary.
 std::string doctor_text(const std::vector<Check>& checks);
 // The same as one JSON object.
 std::string doctor_json(const std::string& device, const std::vector<Check>& checks);
-
-// The whole program; returns the exit status (0 all well, 1 problems, 2 a
-// refused command line).
-int run_doctor(int argc, char** argv);
 
 }  // namespace sonderlark

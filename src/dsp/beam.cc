@@ -73,9 +73,9 @@ void beam_block(const double* const* ch, std::size_t channels, const std::vector
     lowest = std::min<int64_t>(lowest, lags[c]);
     highest = std::max<int64_t>(highest, lags[c]);
   }
-  // Where every shifted index is inside, no check is needed.
+  // Where every shifted index is inside, four channels need no check.
   const int64_t inner_begin = std::clamp(-lowest, from, to);
-  const int64_t inner_end = std::clamp(n - highest, inner_begin, to);
+  const int64_t inner_end = channels == 4 ? std::clamp(n - highest, inner_begin, to) : inner_begin;
   auto edge_sample = [&](int64_t i) {
     double sum = 0.0;
     int32_t count = 0;
@@ -93,13 +93,6 @@ void beam_block(const double* const* ch, std::size_t channels, const std::vector
     const int64_t at = inner_begin - origin;
     mean_of_four(ch[0] + at, ch[1] + at, ch[2] + at, ch[3] + at, lags.data(), 0, inner_end - inner_begin,
                  out + (inner_begin - from));
-  } else {
-    const double count = static_cast<double>(channels);
-    for (int64_t i = inner_begin; i < inner_end; ++i) {
-      double sum = 0.0;
-      for (std::size_t c = 0; c < channels; ++c) sum += ch[c][i + lags[c] - origin];
-      out[i - from] = sum / count;
-    }
   }
   for (int64_t i = inner_end; i < to; ++i) out[i - from] = edge_sample(i);
 }

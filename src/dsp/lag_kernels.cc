@@ -10,22 +10,23 @@
 namespace sonderlark {
 namespace {
 
-using GroupKernel = void (*)(const LagRange&, const int32_t*, int, const LaneSums&);
-
+// The vector functions of a kernel: W lags per group, and the channel sums
+// W at a time. The scalar kernel uses the portable ones only where a
+// search's groups need lanes; its channel sums go one by one.
 struct Kernel {
-  GroupKernel run;
+  void (*products)(const LagRange&, const int32_t*, int, const LaneSums&);
   int lanes;
+  void (*channel_sums)(ChannelSums*, const double* const*, int, int64_t);
 };
 
-Kernel group_kernel(LagKernel kernel) {
+Kernel vector_kernel(LagKernel kernel) {
 #if defined(__x86_64__)
-  if (kernel == LagKernel::kAvx2) return {lag_sweep_4, 4};
-  if (kernel == LagKernel::kAvx512) return {lag_sweep_8, 8};
+  if (kernel == LagKernel::kAvx2) return {lag_sweep_4, 4, channel_sums_sweep_4};
+  if (kernel == LagKernel::kAvx512) return {lag_sweep_8, 8, channel_sums_sweep_8};
 #elif defined(__aarch64__)
-  if (kernel == LagKernel::kNeon) return {lag_sweep_4, 4};
+  if (kernel == LagKernel::kNeon) return {lag_sweep_4, 4, channel_sums_sweep_4};
 #endif
-  (void)kernel;
-  return {lag_sweep_2, 2};
+  return {lag_sweep_2, 2, kernel == LagKernel::kScalar ? nullptr : channel_sums_sweep_2};
 }
 
 }  // namespace
@@ -57,14 +58,14 @@ LagSearch start_lag_search(LagKernel kernel, int32_t max_lag, int64_t n) {
   search.max_lag = max_lag;
   search.n = n;
   const int64_t lags = 2 * static_cast<int64_t>(max_lag) + 1;
-  if (kernel != LagKernel::kScalar && lags < group_kernel(kernel).lanes) search.kernel = LagKernel::kPortable;
-  if (search.kernel == LagKernel::kScalar || lags < group_kernel(search.kernel).lanes) {
+  if (kernel != LagKernel::kScalar && lags < vector_kernel(kernel).lanes) search.kernel = LagKernel::kPortable;
+  if (search.kernel == LagKernel::kScalar || lags < vector_kernel(search.kernel).lanes) {
     search.kernel = LagKernel::kScalar;  // one lag per group
     for (int64_t lag = -max_lag; lag <= max_lag; ++lag) search.starts.push_back(static_cast<int32_t>(lag));
   } else {
     // Groups of W lags from -max_lag; the last group ends at +max_lag and may
     // overlap the one before (those lags are simply computed twice).
-    search.lanes = group_kernel(search.kernel).lanes;
+    search.lanes = vector_kernel(search.kernel).lanes;
     const int w = search.lanes;
     for (int64_t s = -max_lag; s + w - 1 <= max_lag; s += w) search.starts.push_back(static_cast<int32_t>(s));
     if (search.starts.back() + w - 1 < max_lag) search.starts.push_back(max_lag - w + 1);
@@ -88,14 +89,14 @@ void add_lag_block(LagSearch& search, const double* a, const double* b, int64_t 
     }
     return;
   }
-  const Kernel run = group_kernel(search.kernel);
+  const Kernel run = vector_kernel(search.kernel);
   const std::size_t groups_total = search.starts.size();
   for (std::size_t first = 0; first < groups_total; first += kMaxLagGroupsPerSweep) {
     const int groups = static_cast<int>(std::min<std::size_t>(kMaxLagGroupsPerSweep, groups_total - first));
     const std::size_t lane = first * static_cast<std::size_t>(run.lanes);
     const LaneSums sums{search.first.data() + lane, search.second.data() + lane, search.ab.data() + lane,
                         search.aa.data() + lane, search.bb.data() + lane};
-    run.run(range, search.starts.data() + first, groups, sums);
+    run.products(range, search.starts.data() + first, groups, sums);
   }
 }
 
@@ -116,19 +117,6 @@ int64_t lane_pairs(const LagSearch& search, std::size_t lane) {
 
 namespace {
 
-using ChannelSweep = void (*)(ChannelSums*, const double* const*, int, int64_t);
-
-ChannelSweep channel_sweep(LagKernel kernel) {
-#if defined(__x86_64__)
-  if (kernel == LagKernel::kAvx2) return channel_sums_sweep_4;
-  if (kernel == LagKernel::kAvx512) return channel_sums_sweep_8;
-#elif defined(__aarch64__)
-  if (kernel == LagKernel::kNeon) return channel_sums_sweep_4;
-#endif
-  if (kernel == LagKernel::kScalar) return nullptr;
-  return channel_sums_sweep_2;
-}
-
 // Index i of one channel, one sum at a time.
 void add_channel_sample(ChannelSums& s, int64_t i, double x) {
   s.running += x;
@@ -145,7 +133,7 @@ void add_channel_sums(LagKernel kernel, std::span<ChannelSums> sums, const doubl
                       int64_t from, int64_t to) {
   if (sums.empty() || from >= to) return;
   const int64_t n = sums[0].n;
-  const ChannelSweep sweep = channel_sweep(kernel);
+  const auto sweep = vector_kernel(kernel).channel_sums;
   // Where every tail has begun and no head is yet to be read, the sums go
   // side by side; before and after, one by one.
   const int64_t shared_begin = sweep ? std::min(to, std::max<int64_t>(from, kChannelSumReach)) : to;

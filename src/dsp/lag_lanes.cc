@@ -55,149 +55,95 @@ __attribute__((always_inline)) inline typename LaneVector<W>::type splat(const d
 }
 
 // One group of W consecutive lags in one sweep: five vectors that stay in
-// registers (two sums or means, three products).
+// registers (two means, three products).
 template <int W>
 struct GroupSums {
-  typename LaneVector<W>::type first;   // sum of a, or mean of a
-  typename LaneVector<W>::type second;  // sum of b, or mean of b
-  typename LaneVector<W>::type ab;
-  typename LaneVector<W>::type aa;
-  typename LaneVector<W>::type bb;
-  int64_t first_lag;
+  using Lanes = typename LaneVector<W>::type;
+  Lanes first, second, ab, aa, bb;  // the means of a and b, the products
+  int64_t first_lag;                // the group's first lag
+
+  __attribute__((always_inline)) void load_from(const LaneSums& sums, int g, int64_t lag) {
+    first = load<W>(sums.first + g * W);
+    second = load<W>(sums.second + g * W);
+    ab = load<W>(sums.ab + g * W);
+    aa = load<W>(sums.aa + g * W);
+    bb = load<W>(sums.bb + g * W);
+    first_lag = lag;
+  }
+  __attribute__((always_inline)) void add(const double* a, const double* b, int64_t i) {
+    const Lanes da = splat<W>(a + i) - first;
+    const Lanes db = load<W>(b + (i + first_lag)) - second;
+    ab += da * db;
+    aa += da * da;
+    bb += db * db;
+  }
+  __attribute__((always_inline)) void store_to(const LaneSums& sums, int g) const {
+    store<W>(sums.ab + g * W, ab);
+    store<W>(sums.aa + g * W, aa);
+    store<W>(sums.bb + g * W, bb);
+  }
 };
 
-// Three groups fit the register files of every width.
-constexpr int kMaxGroupsPerSweep = kMaxLagGroupsPerSweep;
-
-// Calls step on each of the G groups. The groups are named variables, not an
-// array, so that GCC keeps all of them in registers across the loop.
-template <int G, typename Group, typename Step>
-__attribute__((always_inline)) inline void for_groups(Group& g0, Group& g1, Group& g2, Step step) {
-  step(g0);
-  if constexpr (G > 1) step(g1);
-  if constexpr (G > 2) step(g2);
-}
-
-// Loads the lanes' running values into G groups, runs `body` over the shared
-// range [begin, end) with each group in registers, and stores them back.
-// `load_group` and `store_group` move one group's values from and to memory.
-template <int W, int G, typename LoadGroup, typename Body, typename StoreGroup>
-__attribute__((always_inline)) inline void sweep(int64_t begin, int64_t end, LoadGroup load_group, Body body,
-                                                 StoreGroup store_group) {
-  if (begin >= end) return;
-  GroupSums<W> group[kMaxGroupsPerSweep] = {};
-  for (int g = 0; g < G; ++g) load_group(g, group[g]);
-  GroupSums<W> g0 = group[0];
-  GroupSums<W> g1 = group[1];
-  GroupSums<W> g2 = group[2];
-  for (int64_t i = begin; i < end; ++i) {
-    for_groups<G>(g0, g1, g2, [&](GroupSums<W>& g) __attribute__((always_inline)) { body(i, g); });
-  }
-  group[0] = g0;
-  group[1] = g1;
-  group[2] = g2;
-  for (int g = 0; g < G; ++g) store_group(g, group[g]);
-}
-
-// Adds range r to the lanes of G groups of W consecutive lags, starts[g] ..
-// starts[g] + W - 1, in one sweep. Every lane's sum stays its lag's literal
-// sum: the indices that only some lanes cover (near the ends of the
-// sequences and of the range) are added lane by lane before and after the
-// shared range, so each lane still adds in index order.
+// Adds the centred products of range r to the lanes of G groups of W
+// consecutive lags, starts[g] .. starts[g] + W - 1, in one sweep. Every
+// lane's sum stays its lag's literal sum: the indices that only some lanes
+// cover (near the ends of the sequences and of the range) are added lane by
+// lane before and after the shared range, so each lane still adds in index
+// order.
 template <int W, int G>
-__attribute__((always_inline)) inline void sweep_groups(LagPass pass, const LagRange& r, const int32_t* starts,
+__attribute__((always_inline)) inline void sweep_groups(const LagRange& r, const int32_t* starts,
                                                         const LaneSums& sums) {
-  using Lanes = typename LaneVector<W>::type;
   // The indices every lane of every group covers (the first lag is the most
   // negative, the last the most positive); empty on a short input or range,
   // and then the lanes do all the work one by one.
   const int64_t shared_begin = std::max<int64_t>(r.from, std::max<int64_t>(0, -static_cast<int64_t>(starts[0])));
   const int64_t shared_end =
       std::max(shared_begin, std::min<int64_t>(r.to, std::min<int64_t>(r.n, r.n - (starts[G - 1] + W - 1))));
-  // Calls edge(lag, from, to, lane index) for each lane's indices before
-  // (before == true) or after the shared range.
-  auto each_lane_edge = [&](bool before, auto edge) {
+  // Each lane's indices before (before == true) or after the shared range.
+  auto each_lane_edge = [&](bool before) {
     for (int g = 0; g < G; ++g) {
       for (int j = 0; j < W; ++j) {
         const int64_t lag = starts[g] + j;
         const LagOverlap o = lag_overlap(r.n, lag);
-        const int64_t begin = std::max(o.begin, r.from);
-        const int64_t end = std::min(o.end, r.to);
-        if (before) {
-          edge(lag, begin, std::min(shared_begin, end), g * W + j);
-        } else {
-          edge(lag, std::max(shared_end, begin), end, g * W + j);
-        }
+        const int64_t begin = before ? std::max(o.begin, r.from) : std::max(shared_end, std::max(o.begin, r.from));
+        const int64_t end = before ? std::min(shared_begin, std::min(o.end, r.to)) : std::min(o.end, r.to);
+        const int k = g * W + j;
+        add_lag_products(r, lag, begin, end, sums.first[k], sums.second[k], sums.ab[k], sums.aa[k], sums.bb[k]);
       }
     }
   };
-  const double* a = r.a;  // sample i at a[i - origin], b[i + lag - origin]
-  const double* b = r.b;
-  const int64_t origin = r.origin;
-
-  if (pass == LagPass::kSums) {
-    auto edge_sums = [&](int64_t lag, int64_t from, int64_t to, int k) {
-      add_lag_sums(r, lag, from, to, sums.first[k], sums.second[k]);
-    };
-    each_lane_edge(true, edge_sums);
-    sweep<W, G>(
-        shared_begin, shared_end,
-        [&](int g, GroupSums<W>& s) {
-          s.first = load<W>(sums.first + g * W);
-          s.second = load<W>(sums.second + g * W);
-          s.first_lag = starts[g] - origin;
-        },
-        [&](int64_t i, GroupSums<W>& s) __attribute__((always_inline)) {
-          s.first += splat<W>(a + (i - origin));
-          s.second += load<W>(b + (i + s.first_lag));
-        },
-        [&](int g, const GroupSums<W>& s) {
-          store<W>(sums.first + g * W, s.first);
-          store<W>(sums.second + g * W, s.second);
-        });
-    each_lane_edge(false, edge_sums);
-    return;
+  each_lane_edge(true);
+  if (shared_begin < shared_end) {
+    // Named groups, not an array, so that GCC keeps all of them in registers.
+    GroupSums<W> g0{}, g1{}, g2{};
+    // Index i of a at r.a[i - origin], of b at r.b[i + lag - origin].
+    const double* a = r.a;
+    const double* b = r.b;
+    g0.load_from(sums, 0, starts[0]);
+    if constexpr (G > 1) g1.load_from(sums, 1, starts[1]);
+    if constexpr (G > 2) g2.load_from(sums, 2, starts[2]);
+    for (int64_t i = shared_begin - r.origin; i < shared_end - r.origin; ++i) {
+      g0.add(a, b, i);
+      if constexpr (G > 1) g1.add(a, b, i);
+      if constexpr (G > 2) g2.add(a, b, i);
+    }
+    g0.store_to(sums, 0);
+    if constexpr (G > 1) g1.store_to(sums, 1);
+    if constexpr (G > 2) g2.store_to(sums, 2);
   }
-
-  auto edge_products = [&](int64_t lag, int64_t from, int64_t to, int k) {
-    add_lag_products(r, lag, from, to, sums.first[k], sums.second[k], sums.ab[k], sums.aa[k], sums.bb[k]);
-  };
-  each_lane_edge(true, edge_products);
-  sweep<W, G>(
-      shared_begin, shared_end,
-      [&](int g, GroupSums<W>& s) {
-        s.first = load<W>(sums.first + g * W);
-        s.second = load<W>(sums.second + g * W);
-        s.ab = load<W>(sums.ab + g * W);
-        s.aa = load<W>(sums.aa + g * W);
-        s.bb = load<W>(sums.bb + g * W);
-        s.first_lag = starts[g] - origin;
-      },
-      [&](int64_t i, GroupSums<W>& s) __attribute__((always_inline)) {
-        const Lanes da = splat<W>(a + (i - origin)) - s.first;
-        const Lanes db = load<W>(b + (i + s.first_lag)) - s.second;
-        s.ab += da * db;
-        s.aa += da * da;
-        s.bb += db * db;
-      },
-      [&](int g, const GroupSums<W>& s) {
-        store<W>(sums.ab + g * W, s.ab);
-        store<W>(sums.aa + g * W, s.aa);
-        store<W>(sums.bb + g * W, s.bb);
-      });
-  each_lane_edge(false, edge_products);
+  each_lane_edge(false);
 }
 
 // One sweep of 1 to kMaxGroupsPerSweep groups.
 template <int W>
-__attribute__((always_inline)) inline void sweep_range(LagPass pass, const LagRange& r, const int32_t* starts,
+__attribute__((always_inline)) inline void sweep_range(const LagRange& r, const int32_t* starts,
                                                        int groups, const LaneSums& sums) {
   if (groups >= 3) {
-    sweep_groups<W, 3>(pass, r, starts, sums);
+    sweep_groups<W, 3>(r, starts, sums);
   } else if (groups == 2) {
-    sweep_groups<W, 2>(pass, r, starts, sums);
+    sweep_groups<W, 2>(r, starts, sums);
   } else {
-    sweep_groups<W, 1>(pass, r, starts, sums);
+    sweep_groups<W, 1>(r, starts, sums);
   }
 }
 
@@ -290,25 +236,25 @@ void channel_sums_sweep_4(ChannelSums* sums, const double* const* x, int channel
 }
 #endif
 
-void lag_sweep_2(LagPass pass, const LagRange& range, const int32_t* starts, int groups, const LaneSums& sums) {
-  sweep_range<2>(pass, range, starts, groups, sums);
+void lag_sweep_2(const LagRange& range, const int32_t* starts, int groups, const LaneSums& sums) {
+  sweep_range<2>(range, starts, groups, sums);
 }
 
 #if defined(__x86_64__)
-__attribute__((target("avx2,fma"))) void lag_sweep_4(LagPass pass, const LagRange& range, const int32_t* starts,
+__attribute__((target("avx2,fma"))) void lag_sweep_4(const LagRange& range, const int32_t* starts,
                                                      int groups, const LaneSums& sums) {
-  sweep_range<4>(pass, range, starts, groups, sums);
+  sweep_range<4>(range, starts, groups, sums);
 }
 
-__attribute__((target("avx512f"))) void lag_sweep_8(LagPass pass, const LagRange& range, const int32_t* starts,
+__attribute__((target("avx512f"))) void lag_sweep_8(const LagRange& range, const int32_t* starts,
                                                     int groups, const LaneSums& sums) {
-  sweep_range<8>(pass, range, starts, groups, sums);
+  sweep_range<8>(range, starts, groups, sums);
 }
 #elif defined(__aarch64__)
 // NEON is part of every aarch64 CPU: GCC and Clang split each 4-lane vector
 // into two 128-bit registers, twice the independent additions in flight.
-void lag_sweep_4(LagPass pass, const LagRange& range, const int32_t* starts, int groups, const LaneSums& sums) {
-  sweep_range<4>(pass, range, starts, groups, sums);
+void lag_sweep_4(const LagRange& range, const int32_t* starts, int groups, const LaneSums& sums) {
+  sweep_range<4>(range, starts, groups, sums);
 }
 #endif
 

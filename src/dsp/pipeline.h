@@ -20,6 +20,7 @@ struct Window {
   int64_t origin = 0;
   int64_t lo = 0;
   int64_t hi = 0;
+  bool processed = false;  // holds the block after the gain: a later pass need not read it again
 };
 
 Window make_window(std::size_t channels, std::size_t block);

@@ -42,6 +42,9 @@ bool unit_gain(const Run& run) { return run.gain == 1.0; }
 
 // Reads frames [from, to) and their neighbours, as recorded.
 void load_block(const Run& run, int64_t from, int64_t to, Window& w) {
+  // Windows are made when first used: a recording of one block needs one.
+  if (w.at.empty()) w = make_window(run.sums.size(), static_cast<std::size_t>(run.block));
+  w.processed = false;
   w.origin = from - kHalo;
   w.lo = std::max<int64_t>(0, from - kHalo);
   w.hi = std::min<int64_t>(run.n, to + kHalo);
@@ -65,8 +68,11 @@ void gain_block(double gain, int64_t from, int64_t to, Window& w, std::vector<in
 // A block as the chain sees it: after the gain.
 Fill processed_block(const Run& run) {
   return [&run](Window& w, int64_t from, int64_t to) {
+    // A recording of one block is read once, whatever the passes.
+    if (w.processed && w.origin == from - kHalo) return;
     load_block(run, from, to, w);
     if (!unit_gain(run)) gain_block(run.gain, from, to, w, nullptr);
+    w.processed = true;
   };
 }
 
@@ -87,21 +93,25 @@ void measure_pass(Run& run, const AnalysisLabels& labels, double gain_db, Record
   const Work add_sums = [&](const Window& w, int64_t from, int64_t to) {
     add_channel_sums(kernel, run.sums, w.at.data(), w.origin, from, to);
   };
-  if (unit_gain(run)) {
-    one_pass(run.n, run.block, run.windows, processed_block(run), add_sums, measure(processed));
-  } else {
-    const Fill raw_then_processed = [&](Window& w, int64_t from, int64_t to) {
-      load_block(run, from, to, w);
+  // At 0 dB the samples as read are the processed ones: the sums go with
+  // the reading and the levels beside it. Otherwise the reading measures
+  // the raw samples and applies the gain, and the rest goes beside it.
+  const bool unit = unit_gain(run);
+  const Fill fill = [&](Window& w, int64_t from, int64_t to) {
+    load_block(run, from, to, w);
+    if (!unit) {
       if (!labels.raw.empty()) measure(raw)(w, from, to);
       gain_block(run.gain, from, to, w, &clipped);
-    };
-    one_pass(run.n, run.block, run.windows, raw_then_processed, [](const Window&, int64_t, int64_t) {},
-             [&](const Window& w, int64_t from, int64_t to) {
-               measure(processed)(w, from, to);
-               add_sums(w, from, to);
-             });
-  }
-  if (!labels.raw.empty()) result.raw = finish_levels(unit_gain(run) ? processed : raw, labels.raw);
+    }
+    w.processed = true;
+  };
+  const Work nothing = [](const Window&, int64_t, int64_t) {};
+  one_pass(run.n, run.block, run.windows, fill, unit ? add_sums : nothing,
+           [&](const Window& w, int64_t from, int64_t to) {
+             measure(processed)(w, from, to);
+             if (!unit) add_sums(w, from, to);
+           });
+  if (!labels.raw.empty()) result.raw = finish_levels(unit ? processed : raw, labels.raw);
   add_clipping_warning(gain_db, clipped, result.gain_warnings);
   result.processed = finish_levels(processed, labels.processed);
 }
@@ -174,8 +184,11 @@ ChannelDiagnostics beam_pass(Run& run, const BeamformResult& beam, const std::st
                              const BeamSink& beam_out) {
   LevelMeter levels = start_levels(1, run.source.sample_rate, run.source.frames);
   std::array<std::vector<double>, kWindows> outs;
-  for (auto& out : outs) out.resize(static_cast<std::size_t>(run.block));
-  const auto out_of = [&](const Window& w) { return outs[static_cast<std::size_t>(&w - run.windows.data())].data(); };
+  const auto out_of = [&](const Window& w) {
+    std::vector<double>& out = outs[static_cast<std::size_t>(&w - run.windows.data())];
+    if (out.empty()) out.resize(static_cast<std::size_t>(run.block));  // called by one thread per window
+    return out.data();
+  };
   const Work form = [&](const Window& w, int64_t from, int64_t to) {
     beam_block(w.at.data(), w.at.size(), beam.lags, w.origin, run.n, from, to, out_of(w));
   };
@@ -213,7 +226,6 @@ RecordingAnalysis analyse_recording(const FrameSource& source, double gain_db, c
   assert(m >= 1);
   Run run{source, static_cast<int64_t>(source.frames), 1, gain_factor(gain_db), {}, {}};
   run.block = static_cast<int64_t>(std::max<std::size_t>(1, std::min(block_frames, kWindowSamples / m)));
-  for (Window& w : run.windows) w = make_window(m, static_cast<std::size_t>(run.block));
   run.sums.assign(m, ChannelSums{run.n});
 
   measure_pass(run, labels, gain_db, result);

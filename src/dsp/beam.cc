@@ -3,64 +3,26 @@
 #include <algorithm>
 #include <cassert>
 #include <cmath>
-#include <cstring>
 
 #include "util/vector_clones.h"
 
 namespace sonderlark {
 
-bool beam_is_guided(const DirectionEstimate& direction, int32_t channels) {
-  return !direction.low_confidence && channels >= kMinSteeringChannels;
-}
-
-std::vector<int32_t> guided_lags(const DirectionEstimate& direction, int32_t channels) {
-  std::vector<int32_t> lags(static_cast<std::size_t>(channels), 0);
-  const double end_to_end = direction.lag_samples_ch0_to_ch3;
-  for (int32_t c = 0; c < channels; ++c) {
-    // Division first, then the lag; lround takes halves away from zero.
-    const double share = static_cast<double>(c) / static_cast<double>(channels - 1);
-    lags[static_cast<std::size_t>(c)] = static_cast<int32_t>(std::lround(share * end_to_end));
-  }
-  return lags;
-}
-
 namespace {
 
-typedef double Block __attribute__((vector_size(8 * sizeof(double))));
-// Blocks are passed by value only within this file's inlined helpers, so the
-// AVX calling-convention note does not concern any interface.
-#pragma GCC diagnostic ignored "-Wpsabi"
-
-// Adds the eight values at p to sum (no vector is returned: Clang refuses
-// wide vector returns in code built for the baseline target).
-__attribute__((always_inline)) inline void add_block(Block& sum, const double* p) {
-  Block v;
-  std::memcpy(&v, p, sizeof v);
-  sum += v;
-}
-
-// out[i] = (((0.0 + c0[i + l0]) + c1[i + l1]) + c2[i + l2]) + c3[i + l3]) / 4
+// out[i] = ((((0.0 + c0[i + l0]) + c1[i + l1]) + c2[i + l2]) + c3[i + l3]) / 4
 // for i in [begin, end), every index inside: the four-channel mean of the
-// inner range, eight outputs at a time. All reads of a block come before
-// its store, so out may be channel 0's own storage (l0 is 0).
+// inner range. Each output is its own sum, so the compiler computes many
+// side by side with the same bits.
 SONDERLARK_VECTOR_CLONES
-void mean_of_four(const double* c0, const double* c1, const double* c2, const double* c3, const int32_t* lags,
-                  int64_t begin, int64_t end, double* out) {
+void mean_of_four(const double* __restrict c0, const double* __restrict c1, const double* __restrict c2,
+                  const double* __restrict c3, const int32_t* lags, int64_t begin, int64_t end,
+                  double* __restrict out) {
   const int64_t l0 = lags[0];
   const int64_t l1 = lags[1];
   const int64_t l2 = lags[2];
   const int64_t l3 = lags[3];
-  int64_t i = begin;
-  for (; i + 8 <= end; i += 8) {
-    Block sum = {};  // +0.0 in every lane, as the scalar sum starts
-    add_block(sum, c0 + (i + l0));
-    add_block(sum, c1 + (i + l1));
-    add_block(sum, c2 + (i + l2));
-    add_block(sum, c3 + (i + l3));
-    const Block mean = sum / 4.0;
-    std::memcpy(out + i, &mean, sizeof mean);
-  }
-  for (; i < end; ++i) out[i] = ((((0.0 + c0[i + l0]) + c1[i + l1]) + c2[i + l2]) + c3[i + l3]) / 4.0;
+  for (int64_t i = begin; i < end; ++i) out[i] = ((((0.0 + c0[i + l0]) + c1[i + l1]) + c2[i + l2]) + c3[i + l3]) / 4.0;
 }
 
 }  // namespace
@@ -100,13 +62,17 @@ void beam_block(const double* const* ch, std::size_t channels, const std::vector
 BeamformResult choose_beam(const DirectionEstimate& direction, int32_t channels, bool estimated,
                            const AlignChannels& align) {
   BeamformResult result;
-  if (beam_is_guided(direction, channels)) {
-    result.lags = guided_lags(direction, channels);
+  result.lags.assign(static_cast<std::size_t>(channels), 0);
+  if (!direction.low_confidence && channels >= kMinSteeringChannels) {
+    for (int32_t c = 0; c < channels; ++c) {
+      // Division first, then the lag; lround takes halves away from zero.
+      const double share = static_cast<double>(c) / static_cast<double>(channels - 1);
+      result.lags[static_cast<std::size_t>(c)] = static_cast<int32_t>(std::lround(share * direction.lag_samples_ch0_to_ch3));
+    }
     result.method = kGuidedBeamMethod;
     return result;
   }
   static_assert(kFallbackMaxLag == kEndToEndMaxLag);
-  result.lags.assign(static_cast<std::size_t>(std::max(channels, 1)), 0);
   std::vector<std::size_t> wanted;
   for (std::size_t c = 1; c < result.lags.size(); ++c) {
     if (c == 3 && estimated) {

@@ -41,13 +41,6 @@ BeamformResult choose_beam(const DirectionEstimate& direction, int32_t channels,
 inline constexpr const char* kGuidedBeamMethod = "direction-guided delay-and-sum from processed samples";
 inline constexpr const char* kFallbackBeamMethod = "fallback channel-alignment delay-and-sum from processed samples";
 
-// True when the beam follows the estimate (confident, 4+ channels) rather
-// than aligning each channel to channel 0 on its own.
-bool beam_is_guided(const DirectionEstimate& direction, int32_t channels);
-
-// The shifts of a guided beam: channel c by round(c / (channels - 1) x L).
-std::vector<int32_t> guided_lags(const DirectionEstimate& direction, int32_t channels);
-
 // One block of the beam of channels of length n: out[i - from] for i in
 // [from, to), with sample i of channel c at ch[c][i - origin]. Each channel
 // must hold the indices the lags reach from the block that lie in [0, n).

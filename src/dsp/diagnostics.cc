@@ -38,7 +38,8 @@ LevelMeter start_levels(int32_t channels, int32_t sample_rate, uint64_t frames) 
 namespace {
 
 // Adds frames [0, count) of K channels, all inside one noise-floor block,
-// side by side as measure_together does.
+// side by side: the channels' sums are independent chains, so measuring
+// them together keeps each exact and overlaps their latencies.
 template <int K>
 void add_span(const double* const* x, std::size_t count, double* total, double* block_sum, double* peak) {
   double t[K], b[K], p[K];
@@ -89,11 +90,10 @@ void add_levels(LevelMeter& meter, const double* const* x, std::size_t count) {
       double* total = meter.total.data() + c;
       double* sum = meter.block_sum.data() + c;
       double* peak = meter.peak.data() + c;
-      switch (k) {
-        case 4: add_span<4>(at, span, total, sum, peak); break;
-        case 3: add_span<3>(at, span, total, sum, peak); break;
-        case 2: add_span<2>(at, span, total, sum, peak); break;
-        default: add_span<1>(at, span, total, sum, peak); break;
+      if (k == 4) {
+        add_span<4>(at, span, total, sum, peak);
+      } else {
+        for (std::size_t j = 0; j < k; ++j) add_span<1>(at + j, span, total + j, sum + j, peak + j);
       }
       c += k;
     }

@@ -3,14 +3,40 @@
 #include <algorithm>
 #include <array>
 #include <cassert>
+#include <functional>
 #include <memory>
 
 #include "dsp/gain.h"
 #include "dsp/lag_kernels.h"
-#include "dsp/pipeline.h"
+#include "util/pipeline.h"
 
 namespace sonderlark {
 namespace {
+
+// Every lag the analysis uses lies within +-8: a block is read with this
+// many neighbours either side.
+constexpr int64_t kHalo = 8;
+
+// A block of every channel with its neighbours: sample i of channel c at
+// at[c][i - origin], read for [lo, hi).
+struct Window {
+  std::vector<std::vector<double>> samples;
+  std::vector<double*> at;
+  int64_t origin = 0;
+  int64_t lo = 0;
+  int64_t hi = 0;
+  bool processed = false;  // holds the block after the gain: a later pass need not read it again
+};
+
+using Fill = std::function<void(Window&, int64_t from, int64_t to)>;
+using Work = std::function<void(const Window&, int64_t from, int64_t to)>;
+
+// Pointers to frame `from` of every channel of the window.
+std::vector<const double*> block_start(const Window& w, int64_t from) {
+  std::vector<const double*> p;
+  for (double* channel : w.at) p.push_back(channel + (from - w.origin));
+  return p;
+}
 
 static_assert(kFallbackMaxLag <= kHalo && kEndToEndMaxLag <= kHalo && kAdjacentMaxLag <= kHalo);
 // The searches' first pass comes from the channels' sums.
@@ -32,7 +58,7 @@ struct Run {
   int64_t n = 0;
   int64_t block = 1;
   double gain = 1.0;
-  Windows windows;
+  std::array<Window, kPassWindows> windows;
   std::vector<ChannelSums> sums;
 };
 
@@ -40,10 +66,21 @@ struct Run {
 // processed samples are the raw ones, bit for bit.
 bool unit_gain(const Run& run) { return run.gain == 1.0; }
 
+// One pass of the pipeline over the run's windows.
+void pass(Run& run, const Fill& fill, const Work& first, const Work& second) {
+  one_pass(
+      run.n, run.block, [&](std::size_t w, int64_t from, int64_t to) { fill(run.windows[w], from, to); },
+      [&](std::size_t w, int64_t from, int64_t to) { first(run.windows[w], from, to); },
+      [&](std::size_t w, int64_t from, int64_t to) { second(run.windows[w], from, to); });
+}
+
 // Reads frames [from, to) and their neighbours, as recorded.
 void load_block(const Run& run, int64_t from, int64_t to, Window& w) {
   // Windows are made when first used: a recording of one block needs one.
-  if (w.at.empty()) w = make_window(run.sums.size(), static_cast<std::size_t>(run.block));
+  if (w.at.empty()) {
+    w.samples.assign(run.sums.size(), std::vector<double>(static_cast<std::size_t>(run.block + 2 * kHalo)));
+    for (auto& channel : w.samples) w.at.push_back(channel.data());
+  }
   w.processed = false;
   w.origin = from - kHalo;
   w.lo = std::max<int64_t>(0, from - kHalo);
@@ -106,7 +143,7 @@ void measure_pass(Run& run, const AnalysisLabels& labels, double gain_db, Record
     w.processed = true;
   };
   const Work nothing = [](const Window&, int64_t, int64_t) {};
-  one_pass(run.n, run.block, run.windows, fill, unit ? add_sums : nothing,
+  pass(run, fill, unit ? add_sums : nothing,
            [&](const Window& w, int64_t from, int64_t to) {
              measure(processed)(w, from, to);
              if (!unit) add_sums(w, from, to);
@@ -146,7 +183,7 @@ void search_pass(Run& run, std::vector<PairSearch>& searches, std::size_t first_
     };
   };
   const std::size_t split = std::min(first_share, searches.size());
-  one_pass(run.n, run.block, run.windows, processed_block(run), share(0, split), share(split, searches.size()));
+  pass(run, processed_block(run), share(0, split), share(split, searches.size()));
 }
 
 // The estimate's four searches. The end-to-end one (17 lags) costs about
@@ -154,10 +191,9 @@ void search_pass(Run& run, std::vector<PairSearch>& searches, std::size_t first_
 // the reading.
 DirectionEstimate direction_pass(Run& run, const std::string& source_label) {
   std::vector<PairSearch> searches;
-  searches.push_back(pair_search(run, 0, 3, kEndToEndMaxLag));
-  searches.push_back(pair_search(run, 0, 1, kAdjacentMaxLag));
-  searches.push_back(pair_search(run, 1, 2, kAdjacentMaxLag));
-  searches.push_back(pair_search(run, 2, 3, kAdjacentMaxLag));
+  constexpr int32_t kPairs[4][3] = {{0, 3, kEndToEndMaxLag}, {0, 1, kAdjacentMaxLag}, {1, 2, kAdjacentMaxLag},
+                                     {2, 3, kAdjacentMaxLag}};
+  for (const auto& [a, b, max_lag] : kPairs) searches.push_back(pair_search(run, a, b, max_lag));
   search_pass(run, searches, 1);
   return direction_from_lags(pair_result(searches[0]), pair_result(searches[1]), pair_result(searches[2]),
                              pair_result(searches[3]), source_label);
@@ -183,7 +219,7 @@ std::vector<int32_t> alignment_passes(Run& run, const std::vector<std::size_t>& 
 ChannelDiagnostics beam_pass(Run& run, const BeamformResult& beam, const std::string& label,
                              const BeamSink& beam_out) {
   LevelMeter levels = start_levels(1, run.source.sample_rate, run.source.frames);
-  std::array<std::vector<double>, kWindows> outs;
+  std::array<std::vector<double>, kPassWindows> outs;
   const auto out_of = [&](const Window& w) {
     std::vector<double>& out = outs[static_cast<std::size_t>(&w - run.windows.data())];
     if (out.empty()) out.resize(static_cast<std::size_t>(run.block));  // called by one thread per window
@@ -192,7 +228,7 @@ ChannelDiagnostics beam_pass(Run& run, const BeamformResult& beam, const std::st
   const Work form = [&](const Window& w, int64_t from, int64_t to) {
     beam_block(w.at.data(), w.at.size(), beam.lags, w.origin, run.n, from, to, out_of(w));
   };
-  one_pass(run.n, run.block, run.windows, processed_block(run), form, [&](const Window& w, int64_t from, int64_t to) {
+  pass(run, processed_block(run), form, [&](const Window& w, int64_t from, int64_t to) {
     double* out = out_of(w);
     if (!label.empty()) add_levels(levels, &out, static_cast<std::size_t>(to - from));
     beam_out(out, static_cast<std::size_t>(to - from));

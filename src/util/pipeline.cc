@@ -1,4 +1,4 @@
-#include "dsp/pipeline.h"
+#include "util/pipeline.h"
 
 #include <algorithm>
 #include <atomic>
@@ -36,29 +36,16 @@ void publish(std::atomic<int64_t>& counter, int64_t value) {
 
 }  // namespace
 
-Window make_window(std::size_t channels, std::size_t block) {
-  Window w;
-  w.samples.assign(channels, std::vector<double>(block + 2 * kHalo));
-  for (auto& channel : w.samples) w.at.push_back(channel.data());
-  return w;
-}
-
-std::vector<const double*> block_start(const Window& w, int64_t from) {
-  std::vector<const double*> p;
-  for (double* channel : w.at) p.push_back(channel + (from - w.origin));
-  return p;
-}
-
-void one_pass(int64_t n, int64_t block, Windows& windows, const Fill& fill, const Work& first, const Work& second) {
+void one_pass(int64_t n, int64_t block, const BlockStep& fill, const BlockStep& first, const BlockStep& second) {
   if (n <= 0) return;
   const int64_t blocks = (n + block - 1) / block;
   const auto range = [&](int64_t k) { return std::pair{k * block, std::min(n, (k + 1) * block)}; };
   if (blocks < 2 || std::thread::hardware_concurrency() < 2) {
     for (int64_t k = 0; k < blocks; ++k) {
       const auto [from, to] = range(k);
-      fill(windows[0], from, to);
-      first(windows[0], from, to);
-      second(windows[0], from, to);
+      fill(0, from, to);
+      first(0, from, to);
+      second(0, from, to);
     }
     return;
   }
@@ -68,15 +55,15 @@ void one_pass(int64_t n, int64_t block, Windows& windows, const Fill& fill, cons
     for (int64_t k = 0; k < blocks; ++k) {
       if (await(filled, [k](int64_t v) { return v > k || v < 0; }) < 0) return;
       const auto [from, to] = range(k);
-      second(windows[static_cast<std::size_t>(k) % kWindows], from, to);
+      second(static_cast<std::size_t>(k) % kPassWindows, from, to);
       publish(done, k + 1);
     }
   });
   std::exception_ptr failure;
   for (int64_t k = 0; k < blocks; ++k) {
-    await(done, [k](int64_t d) { return d >= k - static_cast<int64_t>(kWindows) + 1; });
+    await(done, [k](int64_t d) { return d >= k - static_cast<int64_t>(kPassWindows) + 1; });
     const auto [from, to] = range(k);
-    Window& w = windows[static_cast<std::size_t>(k) % kWindows];
+    const std::size_t w = static_cast<std::size_t>(k) % kPassWindows;
     try {
       fill(w, from, to);
     } catch (...) {

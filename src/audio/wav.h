@@ -8,6 +8,7 @@
 
 #include "util/exact_math.h"
 #include "util/files.h"
+#include "util/unique_fd.h"
 
 namespace sonderlark {
 
@@ -34,7 +35,7 @@ WavData read_wav(const std::string& path);
 // Where one file's frames lie.
 struct WavPart {
   std::string path;
-  int fd = -1;  // open for reading; closed with the source
+  UniqueFd fd;  // open for reading
   uint64_t data_offset = 0;
   uint64_t frames = 0;
 };
@@ -48,13 +49,6 @@ struct WavSource {
   WavData format;  // the first part's header fields; no samples
   std::vector<WavPart> parts;
   uint64_t frames = 0;  // of all parts together
-
-  WavSource() = default;
-  WavSource(WavSource&& other) noexcept;
-  WavSource& operator=(WavSource&& other) noexcept;
-  WavSource(const WavSource&) = delete;
-  WavSource& operator=(const WavSource&) = delete;
-  ~WavSource();
 };
 
 // Opens the files at `paths` (at least one) with the reader's checks and
@@ -108,10 +102,6 @@ struct MonoWavWriter {
   uint64_t expected = 0;  // samples announced in the header
   uint64_t written = 0;
   std::string bytes;      // samples not yet written
-  MonoWavWriter() = default;
-  MonoWavWriter(MonoWavWriter&& other) noexcept;
-  MonoWavWriter& operator=(MonoWavWriter&&) = delete;
-  ~MonoWavWriter();
 };
 
 // Throws "failed to write WAV: PATH" as write_mono_wav does.

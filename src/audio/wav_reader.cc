@@ -247,40 +247,27 @@ WavPart open_part(const std::string& path, bool split_part, Layout& layout) {
   part.path = path;
   // A split capture's part was checked before; it is opened as checked:
   // never through a link, never waiting on a FIFO.
-  part.fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | (split_part ? O_NOFOLLOW | O_NONBLOCK : 0));
-  if (part.fd < 0) throw std::runtime_error("failed to open WAV: " + path);
-  struct Guard {
-    WavPart& part;
-    bool keep = false;
-    ~Guard() {
-      if (!keep) close(part.fd);
-    }
-  } guard{part};
+  part.fd.reset(open(path.c_str(), O_RDONLY | O_CLOEXEC | (split_part ? O_NOFOLLOW | O_NONBLOCK : 0)));
+  if (!part.fd.valid()) throw std::runtime_error("failed to open WAV: " + path);
   struct stat info {};
-  if (split_part && (fstat(part.fd, &info) != 0 || !S_ISREG(info.st_mode))) {
+  if (split_part && (fstat(part.fd.get(), &info) != 0 || !S_ISREG(info.st_mode))) {
     throw std::runtime_error("split capture part " + path + " refused: not a regular file");
   }
-  if (fstat(part.fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-    const int spool = open_spool();
-    if (spool < 0) throw std::runtime_error("failed to buffer WAV stream: " + path);
-    const int stream = part.fd;
-    part.fd = spool;  // the guard closes the spool from here on
-    struct Closer {
-      int fd;
-      ~Closer() { close(fd); }
-    } closer{stream};
-    spool_stream(stream, path, spool);
-    if (fstat(spool, &info) != 0) throw std::runtime_error("failed to buffer WAV stream: " + path);
+  if (fstat(part.fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+    const UniqueFd stream = std::move(part.fd);
+    part.fd.reset(open_spool());
+    if (!part.fd.valid()) throw std::runtime_error("failed to buffer WAV stream: " + path);
+    spool_stream(stream.get(), path, part.fd.get());
+    if (fstat(part.fd.get(), &info) != 0) throw std::runtime_error("failed to buffer WAV stream: " + path);
   }
   const uint64_t total = static_cast<uint64_t>(info.st_size);
-  layout = regular_layout(part.fd, total, path);
+  layout = regular_layout(part.fd.get(), total, path);
   part.data_offset = layout.data_offset;
   uint64_t data_size = layout.data_size;
   // arecord writes 2^31 - 1 as the size of a split capture's full part
   // (2^31 bytes follow): such a part's data run to the end of the file.
   if (split_part && data_size == kArecordPartSize) data_size = std::max(data_size, total - layout.data_offset);
   part.frames = data_size / frame_bytes(layout.format);  // a partial last frame is ignored
-  guard.keep = true;
   return part;
 }
 
@@ -335,26 +322,6 @@ WavData read_wav(const std::string& path) {
   return wav;
 }
 
-WavSource::WavSource(WavSource&& other) noexcept
-    : format(std::move(other.format)), parts(std::move(other.parts)), frames(other.frames) {
-  other.parts.clear();
-}
-
-WavSource& WavSource::operator=(WavSource&& other) noexcept {
-  if (this != &other) {
-    for (const WavPart& part : parts) close(part.fd);
-    format = std::move(other.format);
-    parts = std::move(other.parts);
-    frames = other.frames;
-    other.parts.clear();
-  }
-  return *this;
-}
-
-WavSource::~WavSource() {
-  for (const WavPart& part : parts) close(part.fd);
-}
-
 WavSource open_wav_source(const std::vector<std::string>& paths) {
   WavSource source;
   for (const std::string& path : paths) {
@@ -384,7 +351,7 @@ void read_frames(const WavSource& source, uint64_t first, uint64_t count, double
     if (first < part_end) {
       const uint64_t n = std::min(count, part_end - first);
       scratch.resize(static_cast<std::size_t>(n * size));
-      if (!pread_whole(part.fd, part.data_offset + (first - part_start) * size, n * size, scratch.data())) {
+      if (!pread_whole(part.fd.get(), part.data_offset + (first - part_start) * size, n * size, scratch.data())) {
         throw std::runtime_error("truncated WAV chunk: data");
       }
       decode_frames(scratch.data(), n, source.format, at.data());

@@ -29,9 +29,8 @@ int16_t pcm16_from_sample(double x) {
 
 MonoWavWriter begin_mono_wav(const std::string& path, int32_t sample_rate, uint64_t samples) {
   if (samples > kMaxMonoWavSamples) throw std::runtime_error("failed to write WAV: " + path);
-  MonoWavWriter writer;
-  writer.file = begin_replacement(path);
-  if (writer.file.fd < 0) throw std::runtime_error("failed to write WAV: " + path);
+  MonoWavWriter writer{begin_replacement(path), 0, 0, {}};
+  if (!writer.file.fd.valid()) throw std::runtime_error("failed to write WAV: " + path);
   writer.expected = samples;
 
   const uint32_t rate = static_cast<uint32_t>(sample_rate);
@@ -92,12 +91,6 @@ void finish_mono_wav(MonoWavWriter& writer) {
   if (!finish_replacement(writer.file)) throw std::runtime_error("failed to write WAV: " + writer.file.path);
 }
 
-MonoWavWriter::MonoWavWriter(MonoWavWriter&& other) noexcept
-    : file(std::move(other.file)), expected(other.expected), written(other.written), bytes(std::move(other.bytes)) {
-  other.file.fd = -1;  // the temporary file is ours now
-}
-
-MonoWavWriter::~MonoWavWriter() { abandon_replacement(file); }
 
 SONDERLARK_VECTOR_CLONES
 void pcm16_block(const double* x, std::size_t n, int16_t* out) {

@@ -111,9 +111,9 @@ void process_chunk(LiveState& state, const LiveSettings& settings, std::size_t f
   if (!state.speech_seen) state.speech_seen = detected_speech(diagnostics.rms);
 
   ++state.chunks_processed;
-  write_status(state, settings, state.pcm.fd >= 0, true, "running", "", -1, "");
-  if (state.pcm.fd < 0) open_pcm_output(state.pcm, logger);
-  if (state.pcm.fd >= 0 && !chunk.beam.empty()) write_pcm_chunk(state.pcm, chunk.beam, logger);
+  write_status(state, settings, state.pcm.fd.valid(), true, "running", "", -1, "");
+  if (!state.pcm.fd.valid()) open_pcm_output(state.pcm, logger);
+  if (state.pcm.fd.valid() && !chunk.beam.empty()) write_pcm_chunk(state.pcm, chunk.beam, logger);
 
   if (direction.low_confidence) ++state.low_confidence_chunks;
   ++state.chunks_since_start;
@@ -129,7 +129,7 @@ CaptureStop handle_stop(LiveState& state, const LiveSettings& settings, Logger& 
   logger.line("warning: arecord stopped during live mode with status " +
               std::to_string(stop.raw_status) + ", exit_code " + std::to_string(stop.exit_code));
   if (!stderr_text.empty()) logger.line("arecord_stderr: " + stderr_text);
-  write_status(state, settings, state.pcm.fd >= 0, true, "restarting", kCaptureError,
+  write_status(state, settings, state.pcm.fd.valid(), true, "restarting", kCaptureError,
                stop.exit_code, stderr_text);
   close_pcm_output(state.pcm);
   return stop;

@@ -27,21 +27,18 @@ std::string pcm_output_refusal(int fd, const std::string& path) {
 }
 
 void open_pcm_output(PcmOutput& output, Logger& logger) {
-  if (output.fd >= 0) return;
+  if (output.fd.valid()) return;
   // O_CLOEXEC keeps the descriptor out of the arecord children; O_NOFOLLOW
   // refuses a symbolic link planted at the path.
-  int fd = open(output.path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
+  UniqueFd fd(open(output.path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
   std::string reason;
-  if (fd < 0 && errno == ELOOP) reason = "symbolic link";
-  if (fd >= 0) {
-    reason = pcm_output_refusal(fd, output.path);
-    if (!reason.empty()) {
-      close(fd);
-      fd = -1;
-    }
+  if (!fd.valid() && errno == ELOOP) reason = "symbolic link";
+  if (fd.valid()) {
+    reason = pcm_output_refusal(fd.get(), output.path);
+    if (!reason.empty()) fd.reset();
   }
-  if (fd >= 0) {
-    output.fd = fd;
+  if (fd.valid()) {
+    output.fd = std::move(fd);
     logger.line("live PCM output connected: " + output.path);
     return;
   }
@@ -64,7 +61,7 @@ void write_pcm_chunk(PcmOutput& output, const std::vector<double>& samples, Logg
   }
   std::size_t done = 0;
   while (done < bytes.size()) {
-    const ssize_t n = write(output.fd, bytes.data() + done, bytes.size() - done);
+    const ssize_t n = write(output.fd.get(), bytes.data() + done, bytes.size() - done);
     if (n > 0) {
       done += static_cast<std::size_t>(n);
       continue;
@@ -77,9 +74,7 @@ void write_pcm_chunk(PcmOutput& output, const std::vector<double>& samples, Logg
 }
 
 void close_pcm_output(PcmOutput& output) {
-  if (output.fd < 0) return;
-  close(output.fd);
-  output.fd = -1;
+  output.fd.reset();
 }
 
 }  // namespace sonderlark

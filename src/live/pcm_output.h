@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "util/logger.h"
+#include "util/unique_fd.h"
 
 namespace sonderlark {
 
@@ -11,7 +12,7 @@ namespace sonderlark {
 // blocking. The path is never created.
 struct PcmOutput {
   std::string path;
-  int fd = -1;          // -1 while closed
+  UniqueFd fd;          // none while closed
   bool warned = false;  // the no-reader warning was logged (once per run)
 };
 

@@ -17,7 +17,7 @@ void write_event_json(const std::string& path, const Manifest& manifest) {
   const BeamformResult& beam = manifest.beam;
   const std::vector<std::string>& warnings = manifest.warnings;
   FileReplacement file = begin_replacement(path);
-  if (file.fd < 0) throw std::runtime_error("failed to write event JSON: " + path);
+  if (!file.fd.valid()) throw std::runtime_error("failed to write event JSON: " + path);
 
   std::string warning_array = "[";
   for (std::size_t i = 0; i < warnings.size(); ++i) {

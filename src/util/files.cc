@@ -35,30 +35,30 @@ FileReplacement begin_replacement(const std::string& path) {
   FileReplacement file;
   file.path = path;
   file.temp_path = path + ".tmp";
-  file.fd = open_regular_for_writing(file.temp_path);
+  file.fd.reset(open_regular_for_writing(file.temp_path));
   return file;
 }
 
 void replacement_write(FileReplacement& file, std::string_view bytes) {
-  if (file.fd < 0 || file.failed) return;
-  file.failed = !write_all(file.fd, bytes);
+  if (!file.fd.valid() || file.failed) return;
+  file.failed = !write_all(file.fd.get(), bytes);
 }
 
 bool finish_replacement(FileReplacement& file) {
-  if (file.fd < 0) return false;  // nothing of ours to remove
-  const bool closed = close(file.fd) == 0;
-  file.fd = -1;
+  if (!file.fd.valid()) return false;  // nothing of ours to remove
+  const bool closed = file.fd.reset() == 0;
   if (!file.failed && closed && std::rename(file.temp_path.c_str(), file.path.c_str()) == 0) return true;
   unlink(file.temp_path.c_str());
   return false;
 }
 
 void abandon_replacement(FileReplacement& file) {
-  if (file.fd < 0) return;
-  close(file.fd);
-  file.fd = -1;
+  if (!file.fd.valid()) return;
+  file.fd.reset();
   unlink(file.temp_path.c_str());
 }
+
+FileReplacement::~FileReplacement() { abandon_replacement(*this); }
 
 void ignore_write_signals() {
   std::signal(SIGPIPE, SIG_IGN);

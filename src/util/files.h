@@ -3,6 +3,8 @@
 #include <string>
 #include <string_view>
 
+#include "util/unique_fd.h"
+
 namespace sonderlark {
 
 // Opens `path` for writing as a plain file of ours: created or truncated,
@@ -15,11 +17,17 @@ bool write_all(int fd, std::string_view bytes);
 
 // A file written whole or not at all: the bytes go to `path`.tmp, which
 // replaces `path` only once every write and the close have succeeded.
+// Dropped unfinished (an error on the way), it removes its temporary file.
 struct FileReplacement {
   std::string path;
   std::string temp_path;
-  int fd = -1;         // -1 when the temporary file could not be had
+  UniqueFd fd;          // none when the temporary file could not be had
   bool failed = false;  // a write failed
+
+  FileReplacement() = default;
+  FileReplacement(FileReplacement&&) = default;
+  FileReplacement& operator=(FileReplacement&&) = delete;
+  ~FileReplacement();
 };
 
 // Opens `path`.tmp for a replacement of `path`.

@@ -309,9 +309,9 @@ TEST(DoctorSetUp, FindsTheVirtualMicrophoneTheUserSetUp) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
-    const MicSetup setup = find_mic_setup(row.options, row.status_pcm, row.modules, runtime);
+    const MicSetup setup = find_mic_setup(row.options, row.status_pcm, row.modules, runtime, path_facts(runtime).fifo);
     EXPECT_EQ(setup.pcm_path, row.path);
-    const Check c = virtual_mic_check(setup, row.server, row.modules, row.readers, runtime);
+    const Check c = virtual_mic_check(setup, row.server, row.modules, row.readers, runtime, path_facts(setup.pcm_path));
     EXPECT_EQ(c.state, row.state);
     std::string all = c.message + "\n" + c.advice;
     for (const std::string& d : c.details) all += "\n" + d;

@@ -1,8 +1,5 @@
 #include "doctor/checks.h"
 
-#include <pwd.h>
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -327,7 +324,7 @@ Check tap_check(const WavData& recording, double tap_seconds, const std::string&
 }
 
 MicSetup find_mic_setup(const DoctorOptions& options, const std::string& status_pcm, const std::string& modules,
-                        const std::string& runtime_default) {
+                        const std::string& runtime_default, bool runtime_fifo) {
   if (!options.pcm_path.empty()) return {options.pcm_path, "given with --pcm-output"};
   if (!status_pcm.empty()) return {status_pcm, "named by the live status file"};
   std::vector<std::string> loaded;
@@ -338,18 +335,15 @@ MicSetup find_mic_setup(const DoctorOptions& options, const std::string& status_
     return {runtime_default, "of the loaded pipe source"};
   }
   if (!loaded.empty()) return {loaded.front(), "of the loaded pipe source"};
-  struct stat info {};
-  if (lstat(runtime_default.c_str(), &info) == 0 && S_ISFIFO(info.st_mode)) {
-    return {runtime_default, "in the private runtime folder"};  // sonderlark-mic's, for one
-  }
+  if (runtime_fifo) return {runtime_default, "in the private runtime folder"};  // sonderlark-mic's, for one
   if (options.virtual_mic) return {runtime_default, "asked for with --virtual-mic"};
   return {};
 }
 
 namespace {
 
-// The pipe source loaded for `pcm_path` (a FIFO whose lstat is `st`), judged.
-void judge_pipe_source(const std::string& pcm_path, const std::string& modules, const struct stat& st,
+// The pipe source loaded for `pcm_path`, judged.
+void judge_pipe_source(const std::string& pcm_path, const std::string& modules, const PathFacts& path,
                        const std::string& load_private, Check& c) {
   // The pipe source for this path, if one is loaded.
   std::string index, args;
@@ -373,7 +367,7 @@ void judge_pipe_source(const std::string& pcm_path, const std::string& modules, 
     c.message = "the pipe source for " + pcm_path + " expects " + format + ", " + rate + " Hz, " + channels +
                 " channels; the tool writes s16le, 16000 Hz, 1 channel";
     c.advice = "reload it: pactl unload-module " + index + "; " + load_module_line(pcm_path);
-  } else if (!S_ISFIFO(st.st_mode) || (st.st_uid != geteuid() && st.st_uid != 0)) {
+  } else if (!path.fifo || !path.ours) {
     c.state = "problem";
     c.message = pcm_path + " is not a FIFO of yours";
     c.advice = "unload the module, remove the path, and load it again in your private runtime folder: " + load_private;
@@ -388,7 +382,8 @@ void judge_pipe_source(const std::string& pcm_path, const std::string& modules, 
 }  // namespace
 
 Check virtual_mic_check(const MicSetup& setup, bool server_answered, const std::string& modules,
-                        const std::vector<std::string>& readers, const std::string& runtime_default) {
+                        const std::vector<std::string>& readers, const std::string& runtime_default,
+                        const PathFacts& path) {
   Check c{"virtual microphone", "ok", "", {}, ""};
   const std::string load_private = load_module_line(runtime_default) + ", then run live mode with --pcm-output " +
                                    shell_quote(runtime_default);
@@ -401,12 +396,9 @@ Check virtual_mic_check(const MicSetup& setup, bool server_answered, const std::
     return c;
   }
   const std::string& pcm_path = setup.pcm_path;
-  struct stat st {};
-  if (lstat(pcm_path.c_str(), &st) == 0) {
-    const passwd* pw = getpwuid(st.st_uid);
-    const std::string owner = pw != nullptr ? pw->pw_name : std::to_string(st.st_uid);
-    c.details.push_back(pcm_path + " (" + setup.found + "): " + (S_ISFIFO(st.st_mode) ? "a FIFO" : "not a FIFO") +
-                        ", owned by " + owner);
+  if (path.exists) {
+    c.details.push_back(pcm_path + " (" + setup.found + "): " + (path.fifo ? "a FIFO" : "not a FIFO") +
+                        ", owned by " + path.owner);
   } else {
     c.details.push_back(pcm_path + " (" + setup.found + ") does not exist");
   }
@@ -425,14 +417,12 @@ Check virtual_mic_check(const MicSetup& setup, bool server_answered, const std::
                "--start), then load the pipe source: " + load_private;
     return c;
   }
-  judge_pipe_source(pcm_path, modules, st, load_private, c);
+  judge_pipe_source(pcm_path, modules, path, load_private, c);
   return c;
 }
 
-Check status_check(const std::string& status_path, double now) {
+Check status_check(const std::string& status_path, RecordState state, const StatusRecord& record, double now) {
   Check c{"live status", "ok", "", {}, ""};
-  StatusRecord record;
-  const RecordState state = read_status_record(status_path, now, record);
   if (state == RecordState::kMissing) {
     c.state = "skipped";
     c.message = "no status file at " + status_path + ": no live run has written one there";

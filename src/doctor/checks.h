@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "audio/wav.h"
+#include "report/live_status.h"
 
 namespace sonderlark {
 
@@ -83,22 +84,33 @@ struct MicSetup {
   std::string found;     // where the path came from, for the report
 };
 
+// What the file system says of a path, as far as the checks need it.
+struct PathFacts {
+  bool exists = false;
+  bool fifo = false;
+  bool ours = false;  // owned by this user or by root
+  std::string owner;  // the owner's name, or uid
+};
+
 // In this order: --pcm-output, the PCM path the live status file names, a
 // loaded pipe source (the one on `runtime_default` first), a FIFO at
-// `runtime_default` (sonderlark-mic's), and with --virtual-mic
-// `runtime_default`. `modules` is what `pactl list modules
-// short` printed (empty when no server answered).
+// `runtime_default` (sonderlark-mic's; `runtime_fifo` says whether there is
+// one), and with --virtual-mic `runtime_default`. `modules` is what `pactl
+// list modules short` printed (empty when no server answered).
 MicSetup find_mic_setup(const DoctorOptions& options, const std::string& status_pcm, const std::string& modules,
-                        const std::string& runtime_default);
+                        const std::string& runtime_default, bool runtime_fifo);
 
 // The virtual microphone of `setup`, given whether a sound server answered,
 // what `pactl list modules short` printed and the processes holding the
-// FIFO. Skipped when none is set up: one-shot use needs none.
+// FIFO, and what the file system says of its path. Skipped when none is set
+// up: one-shot use needs none.
 Check virtual_mic_check(const MicSetup& setup, bool server_answered, const std::string& modules,
-                        const std::vector<std::string>& readers, const std::string& runtime_default);
+                        const std::vector<std::string>& readers, const std::string& runtime_default,
+                        const PathFacts& path);
 
-// The live status file at wall-clock time `now`.
-Check status_check(const std::string& status_path, double now);
+// The live status file at `status_path`, read in state `state` as `record`
+// at wall-clock time `now`.
+Check status_check(const std::string& status_path, RecordState state, const StatusRecord& record, double now);
 
 // The last non-empty line of `text`.
 std::string last_line(const std::string& text);

@@ -139,16 +139,18 @@ void setup_checks(const DoctorOptions& options, std::vector<Check>& checks) {
   const auto [pactl_code, modules] = on_path("pactl") ? run_command_output("timeout 10 pactl list modules short")
                                                        : std::pair<int, std::string>{-1, ""};
   StatusRecord live_record;
-  const RecordState live_state = read_status_record(options.status_path, wall_clock_seconds(), live_record);
+  const double now = wall_clock_seconds();
+  const RecordState live_state = read_status_record(options.status_path, now, live_record);
   const bool have_record = live_state == RecordState::kFresh || live_state == RecordState::kStale;
   const std::string runtime_default = private_pcm_path();
   const MicSetup setup = find_mic_setup(options, have_record ? live_record.pcm_output : "",
-                                        pactl_code == 0 ? modules : "", runtime_default);
+                                        pactl_code == 0 ? modules : "", runtime_default,
+                                        path_facts(runtime_default).fifo);
   checks.push_back(virtual_mic_check(setup, pactl_code == 0, pactl_code == 0 ? modules : "",
                                      setup.pcm_path.empty() ? std::vector<std::string>{}
                                                             : processes_holding(setup.pcm_path),
-                                     runtime_default));
-  checks.push_back(status_check(options.status_path, wall_clock_seconds()));
+                                     runtime_default, path_facts(setup.pcm_path)));
+  checks.push_back(status_check(options.status_path, live_state, live_record, now));
 }
 
 }  // namespace

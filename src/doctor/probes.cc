@@ -1,5 +1,7 @@
 #include "doctor/probes.h"
 
+#include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -45,6 +47,18 @@ std::string card_prefix(const std::string& device) {
 }
 
 // The PCM path to advise: in the private runtime folder when there is one.
+PathFacts path_facts(const std::string& path) {
+  PathFacts facts;
+  struct stat info {};
+  if (lstat(path.c_str(), &info) != 0) return facts;
+  const passwd* pw = getpwuid(info.st_uid);
+  facts.exists = true;
+  facts.fifo = S_ISFIFO(info.st_mode);
+  facts.ours = info.st_uid == geteuid() || info.st_uid == 0;
+  facts.owner = pw != nullptr ? pw->pw_name : std::to_string(info.st_uid);
+  return facts;
+}
+
 std::string private_pcm_path() {
   const char* runtime = std::getenv("XDG_RUNTIME_DIR");
   if (runtime != nullptr && *runtime != '\0') return std::string(runtime) + "/sonderlark-beamformed-mic.pcm";

@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "doctor/checks.h"
+
 namespace sonderlark {
 
 // Whether `program` is an executable in a folder of $PATH.
@@ -23,6 +25,9 @@ std::vector<std::string> processes_holding(const std::string& prefix);
 // The sound devices of the ALSA card that `device` names (hw:N, plughw:N),
 // or every sound device.
 std::string card_prefix(const std::string& device);
+
+// What lstat says of `path`.
+PathFacts path_facts(const std::string& path);
 
 // The PCM path to advise: in the private runtime folder when there is one.
 std::string private_pcm_path();

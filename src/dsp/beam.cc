@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cassert>
 #include <cmath>
+#include <cstring>
 
 #include "util/vector_clones.h"
 
@@ -10,19 +11,41 @@ namespace sonderlark {
 
 namespace {
 
+typedef double Block __attribute__((vector_size(8 * sizeof(double))));
+// Blocks are passed by value only within this file's inlined helpers, so the
+// AVX calling-convention note does not concern any interface.
+#pragma GCC diagnostic ignored "-Wpsabi"
+
+// Adds the eight values at p to sum (no vector is returned: Clang refuses
+// wide vector returns in code built for the baseline target).
+__attribute__((always_inline)) inline void add_block(Block& sum, const double* p) {
+  Block v;
+  std::memcpy(&v, p, sizeof v);
+  sum += v;
+}
+
 // out[i] = ((((0.0 + c0[i + l0]) + c1[i + l1]) + c2[i + l2]) + c3[i + l3]) / 4
 // for i in [begin, end), every index inside: the four-channel mean of the
-// inner range. Each output is its own sum, so the compiler computes many
-// side by side with the same bits.
+// inner range, eight outputs at a time (the compiler's own widening of the
+// plain loop ran about a fifth slower here).
 SONDERLARK_VECTOR_CLONES
-void mean_of_four(const double* __restrict c0, const double* __restrict c1, const double* __restrict c2,
-                  const double* __restrict c3, const int32_t* lags, int64_t begin, int64_t end,
-                  double* __restrict out) {
+void mean_of_four(const double* c0, const double* c1, const double* c2, const double* c3, const int32_t* lags,
+                  int64_t begin, int64_t end, double* out) {
   const int64_t l0 = lags[0];
   const int64_t l1 = lags[1];
   const int64_t l2 = lags[2];
   const int64_t l3 = lags[3];
-  for (int64_t i = begin; i < end; ++i) out[i] = ((((0.0 + c0[i + l0]) + c1[i + l1]) + c2[i + l2]) + c3[i + l3]) / 4.0;
+  int64_t i = begin;
+  for (; i + 8 <= end; i += 8) {
+    Block sum = {};  // +0.0 in every lane, as the scalar sum starts
+    add_block(sum, c0 + (i + l0));
+    add_block(sum, c1 + (i + l1));
+    add_block(sum, c2 + (i + l2));
+    add_block(sum, c3 + (i + l3));
+    const Block mean = sum / 4.0;
+    std::memcpy(out + i, &mean, sizeof mean);
+  }
+  for (; i < end; ++i) out[i] = ((((0.0 + c0[i + l0]) + c1[i + l1]) + c2[i + l2]) + c3[i + l3]) / 4.0;
 }
 
 }  // namespace

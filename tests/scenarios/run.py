@@ -277,8 +277,51 @@ def command_lines(case, run):
     check(rows == case["rows"], "%d refused rows, not %d" % (rows, case["rows"]))
 
 
+def stand_in(case, run):
+    """Live mode with the scripted arecord of tests/arecord_stand_in.sh, steered
+    by the case's plan; the log, the status file and what a reader saw at every
+    start against one golden."""
+    d = run["dir"]
+    for sub in ("bin", "record", "state"):
+        os.makedirs(os.path.join(d, sub))
+    shutil.copy(os.path.join(TESTS, "arecord_stand_in.sh"), os.path.join(d, "bin", "arecord"))
+    status_path = os.path.join(d, "state", "status.json")
+    env = dict(os.environ, PATH=os.path.join(d, "bin") + ":" + os.environ["PATH"],
+               STAND_IN_DIR=os.path.join(d, "record"), STATUS_FILE=status_path)
+    frames = None
+    for key, value in case["plan"].items():
+        if key in ("FRAMES", "FIRST_FRAMES"):  # a count of chunks of the simulated array, and 3 samples more
+            if frames is None:
+                sim = [os.path.join(run["build"], "sonderlark-sim"), "--input", os.path.join(TESTS, "golden/noise_lag5.wav"),
+                       "--lag", "2", "--repeat", "6", "--raw", "--output", os.path.join(d, "array.raw")]
+                check(execute(sim, env, d)[0] == 0, "sonderlark-sim failed")
+                frames = read(os.path.join(d, "array.raw"))
+            write(os.path.join(d, key), frames[:value * 1024 * 16] + bytes(12))
+            env[key] = os.path.join(d, key)
+        else:
+            env[key] = expand(value, run)
+    argv = [os.path.join(run["build"], "sonderlark"), "--live", "--live-duration", case["duration"], "--pcm-output",
+            os.path.join(d, "none.pcm"), "--event-output", status_path, "--log", os.path.join(d, "live.log")]
+    status, out, err = execute(argv, env, d)
+    verify(case, run, status, out, err)
+    check(out == read(os.path.join(d, "live.log")), "the log file differs from standard output")
+    record = lambda name: read(os.path.join(d, "record", name)) if os.path.exists(os.path.join(d, "record", name)) else b""
+    report = b"== standard output\n" + out + b"== status file\n" + read(status_path)
+    for n in range(2, case["starts"] + 1):
+        report += b"== status file at start %d\n" % n + record("snapshot.%d" % n)
+    golden(report.replace(d.encode(), b"TMP"), case["golden"], ["timestamp"])
+    check(record("starts") == (b"%d\n" % case["starts"] if case["starts"] else b""), "starts: %r" % record("starts"))
+    check(b"live.log" not in record("own_fds"), "the child holds the log")
+    check(len(set(record("fds").split())) <= 1, "the tool held other descriptors at a later start")
+    check(set(record("zombies").split()) <= {b"0"}, "a zombie child at a start")
+    stamps = [json.loads(record("snapshot.%d" % n))["timestamp"] for n in range(2, case["starts"] + 1)]
+    seconds = [time.mktime(time.strptime(t, "%Y-%m-%dT%H:%M:%SZ")) for t in stamps]
+    for a, b in zip(seconds, seconds[1:]):  # the 2 s pause by the tool's own clock; room for a slow machine
+        check(2 <= b - a <= 20, "restarts %d s apart" % (b - a))
+
+
 SCENARIOS = {"endless_stream": endless_stream, "cut_while_read": cut_while_read, "full_disk": full_disk,
-             "command_lines": command_lines}
+             "command_lines": command_lines, "stand_in": stand_in}
 
 
 def main():

@@ -319,18 +319,5 @@ TEST(DoctorSetUp, FindsTheVirtualMicrophoneTheUserSetUp) {
   }
 }
 
-TEST(DoctorCommandLine, HelpAndRefusals) {
-  EXPECT_EQ(test::run({doctor_path(), "--help"}).exit_code, 0);
-  for (const std::vector<std::string>& args :
-       {std::vector<std::string>{"--seconds", "0"}, {"--seconds", "x"}, {"--bogus"}, {"--device"}}) {
-    std::vector<std::string> argv = {doctor_path()};
-    argv.insert(argv.end(), args.begin(), args.end());
-    const test::RunResult r = test::run(argv);
-    EXPECT_EQ(r.exit_code, 2);
-    EXPECT_TRUE(r.out.starts_with("Usage: ")) << r.out;
-    EXPECT_FALSE(r.err.empty());
-  }
-}
-
 }  // namespace
 }  // namespace sonderlark

@@ -27,8 +27,10 @@ import tomllib
 TESTS = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 UPDATE = os.environ.get("SONDERLARK_UPDATE_GOLDEN") is not None
 DEADLINE = 120  # seconds: only a hung run is that slow
-MASKS = {
-    "timestamp": (r'"timestamp": "\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}Z"', '"timestamp": "TIMESTAMP"'),
+MASKS = {  # name: (pattern, replacement, must be there); {dir} in a pattern is the run's folder
+    "timestamp": (r'"timestamp": "\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}Z"', '"timestamp": "TIMESTAMP"', True),
+    "frame_time": (r"at 20[0-9-]{8}T[0-9:]{8}Z", "at TIMESTAMP", False),
+    "status_path": (r"{dir}/status\.json", "STATUS", False),
 }
 
 
@@ -57,8 +59,10 @@ def text(data):
 
 
 def source(spec):
-    """File contents from "golden/NAME" (under tests/) or "text:CONTENT"."""
-    return spec[5:].encode() if spec.startswith("text:") else read(os.path.join(TESTS, spec))
+    """File contents from "golden/NAME" (under tests/) or "text:CONTENT"; {now}
+    becomes the current time as a status record writes it."""
+    data = spec[5:].encode() if spec.startswith("text:") else read(os.path.join(TESTS, spec))
+    return data.replace(b"{now}", time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime()).encode())
 
 
 def expand(value, run):
@@ -81,8 +85,10 @@ def prepare(case, run):
         path = os.path.join(run["dir"], plant["path"])
         if plant["kind"] == "fifo":
             os.mkfifo(path, 0o600)
-        elif plant["kind"] == "link":
+        elif plant["kind"] == "link":  # to a path in the folder, or an absolute one
             os.symlink(os.path.join(run["dir"], plant["to"]), path)
+        elif plant["kind"] == "filled":  # an open brace, then blanks up to `bytes`
+            write(path, b"{" + b" " * (plant["bytes"] - 1))
         else:
             os.makedirs(path)
     env = dict(os.environ)
@@ -120,18 +126,19 @@ def execute(argv, env, cwd):
         return child.returncode, out, err
 
 
-def masked(data, masks):
+def masked(data, masks, run):
     result = text(data)
     for name in masks:
-        pattern, replacement = MASKS[name]
-        check(re.search(pattern, result), "no %s to mask" % name)
+        pattern, replacement, required = MASKS[name]
+        pattern = pattern.replace("{dir}", re.escape(run["dir"]))
+        check(not required or re.search(pattern, result), "no %s to mask" % name)
         result = re.sub(pattern, replacement, result)
     return result
 
 
-def golden(got, name, masks=()):
+def golden(got, name, masks, run):
     path = os.path.join(TESTS, name)
-    body = masked(got, masks).encode("utf-8", "surrogateescape") if masks else got
+    body = masked(got, masks, run).encode("utf-8", "surrogateescape") if masks else got
     if UPDATE:
         write(path, body)
     check(os.path.exists(path) and read(path) == body, "%s differs from what the run gave" % name)
@@ -142,6 +149,12 @@ def verify(case, run, status, out, err):
     check(status == case.get("exit", 0), "exit status %d, not %d; stderr: %s" % (status, case.get("exit", 0), text(err)))
     if "stderr" in case:
         check(text(err) == case["stderr"], "stderr %r, not %r" % (text(err), case["stderr"]))
+    if "stdout" in case:
+        check(text(out) == expand(case["stdout"], run), "stdout %r" % text(out))
+    if "stdout_starts" in case:
+        check(text(out).startswith(case["stdout_starts"]), "stdout starts %r" % text(out)[:100])
+    if case.get("stderr_said"):
+        check(err != b"", "nothing on stderr")
     if "stdout_is" in case:
         check(out == read(os.path.join(d, case["stdout_is"])), "stdout is not " + case["stdout_is"])
     for piece in case.get("stdout_has", []):
@@ -151,7 +164,7 @@ def verify(case, run, status, out, err):
     if "stdout_ends" in case:
         check(text(out).endswith(expand(case["stdout_ends"], run)), "stdout ends %r" % text(out)[-200:])
     for name, spec in case.get("goldens", {}).items():
-        golden(read(os.path.join(d, name)), spec, case.get("masks", {}).get(name, []))
+        golden(read(os.path.join(d, name)), spec, case.get("masks", {}).get(name, []), run)
     for name, spec in case.get("contents", {}).items():
         check(read(os.path.join(d, name)) == source(spec), name + " does not hold " + spec[:60])
     for name, spec in case.get("ends_with_start_of", {}).items():
@@ -175,7 +188,7 @@ def verify(case, run, status, out, err):
 
 
 def run_case(case, build):
-    with tempfile.TemporaryDirectory(prefix="sonderlark-scenario-") as d:
+    with tempfile.TemporaryDirectory(prefix="sonderlark-scenario-", dir="/tmp") as d:
         run = {"dir": d, "build": build}
         if "scenario" in case:
             SCENARIOS[case["scenario"]](case, run)
@@ -183,7 +196,7 @@ def run_case(case, build):
         env = prepare(case, run)
         status, out, err = execute(command(case, run), env, d)
         if "stdout_golden" in case:
-            golden(out, case["stdout_golden"], case.get("masks", {}).get("stdout", []))
+            golden(out, case["stdout_golden"], case.get("masks", {}).get("stdout", []), run)
         verify(case, run, status, out, err)
 
 
@@ -309,7 +322,7 @@ def stand_in(case, run):
     report = b"== standard output\n" + out + b"== status file\n" + read(status_path)
     for n in range(2, case["starts"] + 1):
         report += b"== status file at start %d\n" % n + record("snapshot.%d" % n)
-    golden(report.replace(d.encode(), b"TMP"), case["golden"], ["timestamp"])
+    golden(report.replace(d.encode(), b"TMP"), case["golden"], ["timestamp"], run)
     check(record("starts") == (b"%d\n" % case["starts"] if case["starts"] else b""), "starts: %r" % record("starts"))
     check(b"live.log" not in record("own_fds"), "the child holds the log")
     check(len(set(record("fds").split())) <= 1, "the tool held other descriptors at a later start")

@@ -26,16 +26,17 @@ struct Window {
   int64_t lo = 0;
   int64_t hi = 0;
   bool processed = false;  // holds the block after the gain: a later pass need not read it again
+  std::vector<double*> read_at;                // where a read puts frame lo of each channel
+  mutable std::vector<const double*> from_at;  // block_start's pointers: one window, one thread at a time
 };
 
 using Fill = std::function<void(Window&, int64_t from, int64_t to)>;
 using Work = std::function<void(const Window&, int64_t from, int64_t to)>;
 
 // Pointers to frame `from` of every channel of the window.
-std::vector<const double*> block_start(const Window& w, int64_t from) {
-  std::vector<const double*> p;
-  for (double* channel : w.at) p.push_back(channel + (from - w.origin));
-  return p;
+const double* const* block_start(const Window& w, int64_t from) {
+  for (std::size_t c = 0; c < w.at.size(); ++c) w.from_at[c] = w.at[c] + (from - w.origin);
+  return w.from_at.data();
 }
 
 static_assert(kFallbackMaxLag <= kHalo && kEndToEndMaxLag <= kHalo && kAdjacentMaxLag <= kHalo);
@@ -80,14 +81,15 @@ void load_block(const Run& run, int64_t from, int64_t to, Window& w) {
   if (w.at.empty()) {
     w.samples.assign(run.sums.size(), std::vector<double>(static_cast<std::size_t>(run.block + 2 * kHalo)));
     for (auto& channel : w.samples) w.at.push_back(channel.data());
+    w.read_at.resize(w.at.size());
+    w.from_at.resize(w.at.size());
   }
   w.processed = false;
   w.origin = from - kHalo;
   w.lo = std::max<int64_t>(0, from - kHalo);
   w.hi = std::min<int64_t>(run.n, to + kHalo);
-  std::vector<double*> out;
-  for (double* channel : w.at) out.push_back(channel + (w.lo - w.origin));
-  run.source.read(static_cast<uint64_t>(w.lo), static_cast<uint64_t>(w.hi - w.lo), out.data());
+  for (std::size_t c = 0; c < w.at.size(); ++c) w.read_at[c] = w.at[c] + (w.lo - w.origin);
+  run.source.read(static_cast<uint64_t>(w.lo), static_cast<uint64_t>(w.hi - w.lo), w.read_at.data());
 }
 
 // The input gain over the whole window; samples limited inside [from, to)
@@ -113,10 +115,8 @@ Fill processed_block(const Run& run) {
   };
 }
 
-Work measure(LevelMeter& meter) {
-  return [&meter](const Window& w, int64_t from, int64_t to) {
-    add_levels(meter, block_start(w, from).data(), static_cast<std::size_t>(to - from));
-  };
+void measure(LevelMeter& meter, const Window& w, int64_t from, int64_t to) {
+  add_levels(meter, block_start(w, from), static_cast<std::size_t>(to - from));
 }
 
 // First pass: the levels before and after the gain, the clipping, and the
@@ -137,7 +137,7 @@ void measure_pass(Run& run, const AnalysisLabels& labels, double gain_db, Record
   const Fill fill = [&](Window& w, int64_t from, int64_t to) {
     load_block(run, from, to, w);
     if (!unit) {
-      if (!labels.raw.empty()) measure(raw)(w, from, to);
+      if (!labels.raw.empty()) measure(raw, w, from, to);
       gain_block(run.gain, from, to, w, &clipped);
     }
     w.processed = true;
@@ -145,7 +145,7 @@ void measure_pass(Run& run, const AnalysisLabels& labels, double gain_db, Record
   const Work nothing = [](const Window&, int64_t, int64_t) {};
   pass(run, fill, unit ? add_sums : nothing,
            [&](const Window& w, int64_t from, int64_t to) {
-             measure(processed)(w, from, to);
+             measure(processed, w, from, to);
              if (!unit) add_sums(w, from, to);
            });
   if (!labels.raw.empty()) result.raw = finish_levels(unit ? processed : raw, labels.raw);

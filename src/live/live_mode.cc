@@ -139,6 +139,8 @@ CaptureStop handle_stop(LiveState& state, const LiveSettings& settings, Logger& 
 
 std::string default_pcm_output_path() { return "/tmp/sonderlark-beamformed-mic.pcm"; }
 
+std::string capture_stderr_path(const std::string& status_path) { return status_path + ".arecord.stderr"; }
+
 std::string default_status_path() {
   const char* state_home = std::getenv("XDG_STATE_HOME");
   if (state_home != nullptr && *state_home != '\0') {
@@ -256,7 +258,7 @@ int run_live_mode(const LiveSettings& settings, Logger& logger) {
   state.capture.wake_fd = catch_stop_signals();
   state.status_path = settings.status_path.empty() ? default_status_path() : settings.status_path;
   logger.line("live_event_json: " + state.status_path);
-  state.stderr_path = state.status_path + ".arecord.stderr";
+  state.stderr_path = capture_stderr_path(state.status_path);
   state.capture.capture_command = build_capture_command(settings.device);
   state.capture.stderr_path = state.stderr_path;
   logger.line("live capture command: " + state.capture.capture_command);

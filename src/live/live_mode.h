@@ -41,6 +41,9 @@ std::string default_pcm_output_path();
 // else build/sonderlark-live-event.json.
 std::string default_status_path();
 
+// Where the capture child's standard error goes: beside the status file.
+std::string capture_stderr_path(const std::string& status_path);
+
 // What one live run is told.
 struct LiveSettings {
   std::string device;

@@ -75,15 +75,16 @@ void pass(Run& run, const Fill& fill, const Work& first, const Work& second) {
       [&](std::size_t w, int64_t from, int64_t to) { second(run.windows[w], from, to); });
 }
 
+void make_window(const Run& run, Window& w) {
+  w.samples.assign(run.sums.size(), std::vector<double>(static_cast<std::size_t>(run.block + 2 * kHalo)));
+  for (auto& channel : w.samples) w.at.push_back(channel.data());
+  w.read_at.resize(w.at.size());
+  w.from_at.resize(w.at.size());
+}
+
 // Reads frames [from, to) and their neighbours, as recorded.
 void load_block(const Run& run, int64_t from, int64_t to, Window& w) {
-  // Windows are made when first used: a recording of one block needs one.
-  if (w.at.empty()) {
-    w.samples.assign(run.sums.size(), std::vector<double>(static_cast<std::size_t>(run.block + 2 * kHalo)));
-    for (auto& channel : w.samples) w.at.push_back(channel.data());
-    w.read_at.resize(w.at.size());
-    w.from_at.resize(w.at.size());
-  }
+  if (w.at.empty()) make_window(run, w);
   w.processed = false;
   w.origin = from - kHalo;
   w.lo = std::max<int64_t>(0, from - kHalo);
@@ -263,6 +264,12 @@ RecordingAnalysis analyse_recording(const FrameSource& source, double gain_db, c
   Run run{source, static_cast<int64_t>(source.frames), 1, gain_factor(gain_db), {}, {}};
   run.block = static_cast<int64_t>(std::max<std::size_t>(1, std::min(block_frames, kWindowSamples / m)));
   run.sums.assign(m, ChannelSums{run.n});
+  // A recording of several blocks uses every window: they are made together,
+  // side by side, before the passes; a single block's one window comes when
+  // it is first read.
+  if (run.n > run.block) {
+    for (Window& w : run.windows) make_window(run, w);
+  }
 
   measure_pass(run, labels, gain_db, result);
   const bool estimated = can_estimate_direction(source.channels, source.frames);

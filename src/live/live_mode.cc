@@ -17,6 +17,7 @@
 #include "util/exit_status.h"
 #include "dsp/recording.h"
 #include "report/live_status.h"
+#include "util/files.h"
 #include "util/text.h"
 
 namespace sonderlark {
@@ -259,6 +260,9 @@ int run_live_mode(const LiveSettings& settings, Logger& logger) {
   state.status_path = settings.status_path.empty() ? default_status_path() : settings.status_path;
   logger.line("live_event_json: " + state.status_path);
   state.stderr_path = capture_stderr_path(state.status_path);
+  // The child's standard error goes beside the status file, whose folder a
+  // new user does not have yet: it is made before the first start.
+  make_parent_folder(state.stderr_path);
   state.capture.capture_command = build_capture_command(settings.device);
   state.capture.stderr_path = state.stderr_path;
   logger.line("live capture command: " + state.capture.capture_command);

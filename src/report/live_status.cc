@@ -62,13 +62,7 @@ bool parse_timestamp(const std::string& text, std::time_t& out) {
 
 void write_live_status(const std::string& path, const LiveStatus& record) {
   if (path.empty()) return;
-  const std::size_t slash = path.rfind('/');
-  if (slash != std::string::npos && slash > 0) {
-    // Almost always the folder is there already: one stat says so.
-    const std::string folder = path.substr(0, slash);
-    struct stat info {};
-    if (stat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) std::filesystem::create_directories(folder);
-  }
+  make_parent_folder(path);
 
   const std::string temp_path = path + ".tmp";
   LiveStatus stamped = record;

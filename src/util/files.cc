@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 
 namespace sonderlark {
 
@@ -19,6 +20,14 @@ int open_regular_for_writing(const std::string& path) {
     return -1;
   }
   return fd;
+}
+
+void make_parent_folder(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos || slash == 0) return;
+  const std::string folder = path.substr(0, slash);
+  struct stat info {};
+  if (stat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) std::filesystem::create_directories(folder);
 }
 
 bool write_all(int fd, std::string_view bytes) {

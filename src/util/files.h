@@ -12,6 +12,11 @@ namespace sonderlark {
 // and checked to be a regular file. -1 when any of that fails.
 int open_regular_for_writing(const std::string& path);
 
+// Makes the folders above `path` that are missing; almost always they are
+// there already, and one stat says so. Throws std::filesystem::filesystem_error
+// when they cannot be made.
+void make_parent_folder(const std::string& path);
+
 // Writes all of `bytes`, resuming after interruptions and short writes.
 bool write_all(int fd, std::string_view bytes);
 

@@ -59,10 +59,10 @@ def text(data):
     return data.decode("utf-8", "surrogateescape")
 
 
-def source(spec):
+def source(what):
     """File contents from "golden/NAME" (under tests/) or "text:CONTENT"; {now}
     becomes the current time as a status record writes it."""
-    data = spec[5:].encode() if spec.startswith("text:") else read(os.path.join(TESTS, spec))
+    data = what[5:].encode() if what.startswith("text:") else read(os.path.join(TESTS, what))
     return data.replace(b"{now}", time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime()).encode())
 
 
@@ -76,8 +76,8 @@ def expand(value, run):
 
 def prepare(case, run):
     """The run folder: its files, planted paths and device."""
-    for name, spec in case.get("files", {}).items():
-        write(os.path.join(run["dir"], expand(name, run)), source(spec))
+    for name, what in case.get("files", {}).items():
+        write(os.path.join(run["dir"], expand(name, run)), source(what))
     for sim in case.get("simulate", []):  # a simulated array recording, made by sonderlark-sim
         argv = [os.path.join(run["build"], "sonderlark-sim"), "--output", os.path.join(run["dir"], sim["output"])]
         status, _, err = execute(argv + [expand(a, run) for a in sim["args"]], dict(os.environ), run["dir"])
@@ -168,14 +168,14 @@ def verify(case, run, status, out, err):
         check(expand(piece, run) not in text(out), "stdout has %r" % piece)
     if "stdout_ends" in case:
         check(text(out).endswith(expand(case["stdout_ends"], run)), "stdout ends %r" % text(out)[-200:])
-    for name, spec in case.get("goldens", {}).items():
-        golden(read(os.path.join(d, name)), spec, case.get("masks", {}).get(name, []), run)
-    for name, spec in case.get("contents", {}).items():
-        check(read(os.path.join(d, name)) == source(spec), name + " does not hold " + spec[:60])
-    for name, spec in case.get("ends_with_start_of", {}).items():
-        start = read(os.path.join(d, spec["file"]))[:spec["bytes"]]
-        check(len(start) == spec["bytes"] and read(os.path.join(d, name)).endswith(start),
-              "%s does not end with the first %d bytes of %s" % (name, spec["bytes"], spec["file"]))
+    for name, what in case.get("goldens", {}).items():
+        golden(read(os.path.join(d, name)), what, case.get("masks", {}).get(name, []), run)
+    for name, what in case.get("contents", {}).items():
+        check(read(os.path.join(d, name)) == source(what), name + " does not hold " + what[:60])
+    for name, what in case.get("ends_with_start_of", {}).items():
+        start = read(os.path.join(d, what["file"]))[:what["bytes"]]
+        check(len(start) == what["bytes"] and read(os.path.join(d, name)).endswith(start),
+              "%s does not end with the first %d bytes of %s" % (name, what["bytes"], what["file"]))
     for name in case.get("changed", []):
         check(read(os.path.join(d, name)) != source(case["files"][name]), name + " was not written")
     for name in case.get("absent", []):

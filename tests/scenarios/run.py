@@ -166,6 +166,12 @@ def verify(case, run, status, out, err):
         check(expand(piece, run) in text(out), "stdout lacks %r" % piece)
     for piece in case.get("stdout_lacks", []):
         check(expand(piece, run) not in text(out), "stdout has %r" % piece)
+    for piece, times in case.get("stdout_counts", {}).items():
+        check(text(out).count(expand(piece, run)) == times, "stdout has %r %d times, not %d" %
+              (piece, text(out).count(expand(piece, run)), times))
+    if "stdout_order" in case:
+        at = [text(out).find(expand(piece, run)) for piece in case["stdout_order"]]
+        check(-1 not in at and at == sorted(at), "stdout is not in the order %r" % case["stdout_order"])
     if "stdout_ends" in case:
         check(text(out).endswith(expand(case["stdout_ends"], run)), "stdout ends %r" % text(out)[-200:])
     for name, what in case.get("goldens", {}).items():
@@ -188,6 +194,8 @@ def verify(case, run, status, out, err):
     for name, kind in case.get("kinds", {}).items():  # a planted path is still what it was
         path = os.path.join(d, name)
         check({"fifo": stat.S_ISFIFO, "link": stat.S_ISLNK}[kind](os.lstat(path).st_mode), name + " is no " + kind)
+    for name, limit in case.get("at_most_bytes", {}).items():
+        check(os.path.getsize(os.path.join(d, name)) <= limit, "%s is over %d bytes" % (name, limit))
     for name, fields in case.get("json_fields", {}).items():
         with open(os.path.join(d, name), encoding="utf-8") as f:
             doc = json.load(f, parse_constant=lambda c: (_ for _ in ()).throw(Failure("JSON has " + c)))
@@ -197,15 +205,21 @@ def verify(case, run, status, out, err):
 
 def run_case(case, build):
     with tempfile.TemporaryDirectory(prefix="sonderlark-scenario-", dir="/tmp") as d:
-        run = {"dir": d, "build": build}
-        if "scenario" in case:
-            SCENARIOS[case["scenario"]](case, run)
-            return
-        env = prepare(case, run)
-        status, out, err = execute(command(case, run), env, d)
-        if "stdout_golden" in case:
-            golden(out, case["stdout_golden"], case.get("masks", {}).get("stdout", []), run)
-        verify(case, run, status, out, err)
+        run = {"dir": d, "build": build, "children": []}
+        try:
+            if "scenario" in case:
+                SCENARIOS[case["scenario"]](case, run)
+                return
+            env = prepare(case, run)
+            status, out, err = execute(command(case, run), env, d)
+            if "stdout_golden" in case:
+                golden(out, case["stdout_golden"], case.get("masks", {}).get("stdout", []), run)
+            verify(case, run, status, out, err)
+        finally:
+            for child in run["children"]:  # what the scenario started and left running
+                if child.poll() is None:
+                    child.terminate()
+                    child.wait()
 
 
 # Scenarios whose run is more than one command.
@@ -346,8 +360,285 @@ def stand_in(case, run):
         check(2 <= b - a <= 20, "restarts %d s apart" % (b - a))
 
 
+# Live mode on the real arecord, reading a file-backed ALSA device.
+
+def spawn(argv, env, run, name):
+    """Starts argv in the background, its output in NAME.out and NAME.err;
+    ended by PID at the end of the case if it is still running."""
+    with open(os.path.join(run["dir"], name + ".out"), "wb") as out, \
+            open(os.path.join(run["dir"], name + ".err"), "wb") as err:
+        child = subprocess.Popen(argv, env=env, cwd=run["dir"], stdin=subprocess.DEVNULL, stdout=out, stderr=err)
+    run["children"].append(child)
+    return child
+
+
+def finish(child):
+    """The child's exit status, once it has ended (by itself, within the deadline)."""
+    try:
+        return child.wait(timeout=DEADLINE)
+    except subprocess.TimeoutExpired:
+        raise Failure("still running after %d s: %s" % (DEADLINE, " ".join(child.args)))
+
+
+def wait_for(ready, what):
+    """Polls until ready() holds; only a hung run reaches the deadline."""
+    deadline = time.monotonic() + DEADLINE
+    while not ready():
+        check(time.monotonic() < deadline, "waited %d s for %s" % (DEADLINE, what))
+        time.sleep(0.01)
+
+
+def file_text(path):
+    return text(read(path)) if os.path.exists(path) else ""
+
+
+def array_device(case, run):
+    """The device "sonderlark_array" of a simulated array (a source at 30
+    degrees: lag 4), `repeat` times the 4000 frames of a noise recording.
+    Paced, a pacer writes the frames at real time and silence after them, so
+    that a run reads the same frames at any build's speed; unpaced, arecord
+    reads them as fast as the tool takes them."""
+    d = run["dir"]
+    frames = os.path.join(d, "frames.raw")
+    sim = [os.path.join(run["build"], "sonderlark-sim"), "--input", os.path.join(TESTS, "golden/noise_lag5.wav"),
+           "--lag", "4", "--repeat", str(case["repeat"]), "--raw", "--output", frames]
+    check(execute(sim, dict(os.environ), d)[0] == 0, "sonderlark-sim failed")
+    if not case.get("paced"):
+        return prepare(dict(case, device_file="frames.raw"), run)
+    os.mkfifo(os.path.join(d, "infile"), 0o600)
+    env = prepare(dict(case, device_file="infile"), run)
+    spawn([sys.executable, os.path.join(TESTS, "pace_frames.py"), frames, os.path.join(d, "infile")], env, run, "pacer")
+    return env
+
+
+def live_argv(run, duration, pcm, *more):
+    d = run["dir"]
+    return [os.path.join(run["build"], "sonderlark"), "--live", "--device", "sonderlark_array", "--live-duration",
+            duration, "--pcm-output", pcm, "--event-output", os.path.join(d, "state/status.json"), "--log",
+            os.path.join(d, "status.log")] + list(more)
+
+
+def status_record(run):
+    """The status record: strict JSON (no NaN, no Infinity) with its 20 members."""
+    with open(os.path.join(run["dir"], "state/status.json"), encoding="utf-8") as f:
+        record = json.load(f, parse_constant=lambda c: (_ for _ in ()).throw(Failure("status has " + c)))
+    check(len(record) == 20, "the status record has %d members" % len(record))
+    return record
+
+
+def chunks_now(run):
+    try:
+        return status_record(run)["chunks_processed"]
+    except (OSError, ValueError, Failure):
+        return 0
+
+
+def library_beams(run, chunks):
+    """What live mode must stream for the device's frames: chunk by chunk, computed with the library."""
+    argv = [os.environ["SONDERLARK_LIVE_BEAMS"], os.path.join(run["dir"], "frames.raw"), str(chunks)]
+    child = subprocess.run(argv, stdout=subprocess.PIPE, check=True, timeout=DEADLINE)
+    return child.stdout
+
+
+def fifo_reader(run, fifo, name):
+    """A reader copying the FIFO into the file NAME, returned once it waits in
+    open(). Its pipe is widened to 1 MiB, so that a moment off the CPU does not
+    make the writer drop samples."""
+    child = spawn([sys.executable, "-c", "import fcntl, os, sys\nfd = os.open(sys.argv[1], os.O_RDONLY)\n"
+                   "fcntl.fcntl(fd, 1031, 1 << 20)  # F_SETPIPE_SZ\nwith open(sys.argv[2], 'wb') as out:\n"
+                   "    while data := os.read(fd, 65536):\n        out.write(data); out.flush()",
+                   fifo, os.path.join(run["dir"], name)], dict(os.environ), run, name + ".reader")
+    proc = "/proc/%d" % child.pid
+
+    def waiting():
+        try:
+            opened = any(os.readlink(os.path.join(proc, "fd", fd)) == fifo for fd in os.listdir(proc + "/fd"))
+            return opened or "wait_for_partner" in file_text(proc + "/wchan")
+        except OSError:  # a descriptor closed while it was listed: look again
+            return False
+    wait_for(waiting, "the reader to open " + fifo)
+    return child
+
+
+def finish_reader(child, fifo):
+    """Lets a reader still waiting for a writer see the end of the stream."""
+    try:
+        os.close(os.open(fifo, os.O_WRONLY | os.O_NONBLOCK))
+    except OSError:
+        pass
+    return finish(child)
+
+
+def live_finite_run(case, run):
+    """A finite paced run into a regular file or a FIFO whose reader keeps up:
+    exactly the beams the library computes, chunk for chunk, and a clean end."""
+    env = array_device(case, run)
+    pcm = os.path.join(run["dir"], "out.pcm")
+    reader = None
+    if case["pcm"] == "fifo":
+        os.mkfifo(pcm, 0o600)
+        reader = fifo_reader(run, pcm, "received")
+    else:
+        write(pcm, "")
+    status, out, err = execute(live_argv(run, "2", pcm), env, run["dir"])
+    if reader:
+        check(finish_reader(reader, pcm) == 0, "the reader failed")
+    verify(case, run, status, out, err)
+    check(out == read(os.path.join(run["dir"], "status.log")), "the log file differs from standard output")
+    chunks = status_record(run)["chunks_processed"]
+    check(chunks > 0, "no chunk processed")
+    got = read(os.path.join(run["dir"], "received" if reader else "out.pcm"))
+    check(got == library_beams(run, chunks), "the stream is not the library's beams")
+    log = text(out)
+    check(log.count("live chunk=") == 1 + chunks // 50, "chunk lines for chunk 1 and every 50th only")
+    check(log.count("live chunk=50 ") == (chunks >= 50), "chunk 50's line")
+    check("\nlive chunks_processed: %d\n" % chunks in log, "the summary's chunk count")
+
+
+def live_reader_returns(case, run):
+    """A continuous run: no reader, a reader that leaves, one that comes back;
+    each gets a run of whole chunks of the stream. Each phase waits for the
+    tool to report the one before, at whatever speed the machine has."""
+    env = array_device(case, run)
+    d = run["dir"]
+    fifo, log = os.path.join(d, "mic.pcm"), os.path.join(d, "status.log")
+    os.mkfifo(fifo, 0o600)
+    said = lambda what, times: lambda: file_text(log).count(what) >= times
+    tool = spawn(live_argv(run, "0", fifo), env, run, "tool")
+    wait_for(said("warning: live PCM output has no reader", 1), "the no-reader warning")
+    first = fifo_reader(run, fifo, "part1")
+    wait_for(said("live PCM output connected", 1), "the first connection")
+    wait_for(lambda: os.path.getsize(os.path.join(d, "part1")) >= 4096, "two chunks for the first reader")
+    first.terminate()
+    finish(first)
+    wait_for(said("reader disconnected", 1), "the disconnection")
+    second = fifo_reader(run, fifo, "part2")
+    wait_for(said("live PCM output connected", 2), "the second connection")
+    wait_for(lambda: os.path.getsize(os.path.join(d, "part2")) >= 4096, "two chunks for the second reader")
+    tool.send_signal(signal.SIGTERM)
+    status = finish(tool)
+    check(finish_reader(second, fifo) == 0, "the second reader failed")
+    verify(case, run, status, read(os.path.join(d, "tool.out")), read(os.path.join(d, "tool.err")))
+    # The first reader's run is found by content, at a chunk; the second read to the end.
+    beams = library_beams(run, status_record(run)["chunks_processed"])
+    part1, part2 = read(os.path.join(d, "part1")), read(os.path.join(d, "part2"))
+    at = beams.find(part1[:2048])
+    check(at >= 0 and at % 2048 == 0 and beams[at:at + len(part1)] == part1, "the first reader's run")
+    check((len(beams) - len(part2)) % 2048 == 0 and beams.endswith(part2), "the second reader's run")
+
+
+def live_slow_reader(case, run):
+    """A reader that never reads: the pipe fills after 32 chunks. The run goes
+    on past 100 chunks with the reader still connected and stops cleanly."""
+    env = array_device(case, run)
+    fifo = os.path.join(run["dir"], "mic.pcm")
+    os.mkfifo(fifo, 0o600)
+    spawn([sys.executable, "-c", "import os, sys, time\nfd = os.open(sys.argv[1], os.O_RDONLY | os.O_NONBLOCK)\n"
+           "open(sys.argv[1] + '.open', 'w').close()\ntime.sleep(600)", fifo], env, run, "reader")
+    wait_for(lambda: os.path.exists(fifo + ".open"), "the reader")
+    tool = spawn(live_argv(run, "0", fifo), env, run, "tool")
+    wait_for(lambda: chunks_now(run) > 100, "100 chunks")
+    tool.send_signal(signal.SIGTERM)
+    verify(case, run, finish(tool), read(os.path.join(run["dir"], "tool.out")), b"")
+
+
+def live_planted_pcm(case, run):
+    """Another user's FIFO, file or link at the PCM path in a shared sticky
+    folder never receives the audio; our own FIFO there does; a device is refused."""
+    if os.geteuid() != 0 or shutil.which("setpriv") is None:
+        print("  skipped: planting files as another user needs root and setpriv")
+        return
+    env = array_device(case, run)
+    d = run["dir"]
+    os.chmod(d, 0o755)
+    shared = os.path.join(d, "shared")
+    os.mkdir(shared)
+    os.chmod(shared, 0o1777)
+    write(os.path.join(d, "ours"), "our file")
+    plant = [expand(a, run).replace("{shared}", shared) for a in case["plant_command"]]
+    if case.get("as_nobody"):
+        plant = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"] + plant
+    check(subprocess.run(plant).returncode == 0, "planting failed")
+    path = expand(case["pcm"], run).replace("{shared}", shared)
+    fifo = stat.S_ISFIFO(os.lstat(path).st_mode)
+    reader = fifo_reader(run, path, "got") if fifo else None
+    status, out, err = execute(live_argv(run, "1", path), env, d)
+    if reader:
+        check(finish_reader(reader, path) == 0, "the reader failed")
+    verify(case, run, status, out, err)
+    check(fifo and os.path.getsize(os.path.join(d, "got")) > 0 if case.get("receives") else
+          not os.path.exists(os.path.join(d, "got")) or os.path.getsize(os.path.join(d, "got")) == 0,
+          "who received audio")
+    check(read(os.path.join(d, "ours")) == b"our file", "our file changed")
+
+
+def live_signal_stop(case, run):
+    """A signal ends a continuous or finite run cleanly once it has processed a
+    chunk; the monitor then shows a stopped run, not a stale one."""
+    env = array_device(case, run)
+    d = run["dir"]
+    tool = spawn(live_argv(run, case["duration"], os.path.join(d, "out.pcm")), env, run, "tool")
+    wait_for(lambda: "live chunk=1 " in file_text(os.path.join(d, "status.log")), "the first chunk")
+    number = getattr(signal, "SIG" + case["signal"])
+    tool.send_signal(number)
+    check(finish(tool) == 0, "the run did not end with status 0")
+    log = file_text(os.path.join(d, "status.log"))
+    stop = log.find("\nlive stop requested by signal %d\n" % number)
+    check(stop >= 0, "the stop was not logged")
+    chunks = status_record(run)["chunks_processed"]
+    check(log.find("\nlive chunks_processed: %d\nlive low_confidence_chunks: " % chunks, stop) > stop, "the summary")
+    check(log.endswith(case["log_ends"]), "the log ends %r" % log[-100:])
+    case = dict(case, json_fields={"state/status.json": {"status": "stopped", "error": "", "live_processing": False}})
+    verify(case, run, 0, b"", b"")
+    monitor = [os.path.join(run["build"], "sonderlark-monitor"), "--once", os.path.join(d, "state/status.json")]
+    status, out, _ = execute(monitor, dict(os.environ), d)
+    check(status == 0 and "\nstatus: stopped   chunks: %d " % chunks in text(out) and "STALE" not in text(out),
+          "the monitor shows %r" % text(out))
+
+
+def status_never_partial(case, run):
+    """A poller reading the status file as fast as it can, with a strict JSON
+    parser, against a continuous unpaced run (or the case's in-place writer,
+    which it must catch). Counts, not time: the poller ends by itself once it
+    has seen enough records."""
+    d = run["dir"]
+    status_path = os.path.join(d, "state/status.json")
+    if case.get("writer") == "in_place":
+        write(status_path, source("golden/live_status.json"))
+        writer = spawn([sys.executable, "-c", "import sys, time\nrecord = open(sys.argv[1]).read()\n"
+                        "end = time.time() + 3\nwhile time.time() < end:\n    with open(sys.argv[1], 'w') as f:\n"
+                        "        f.write(record[:200]); f.flush(); f.write(record[200:])", status_path], None, run,
+                       "writer")
+        poller = spawn([sys.executable, os.path.join(TESTS, "poll_status.py"), status_path, os.path.join(d, "stop")],
+                       None, run, "poll")
+        finish(writer)
+        write(os.path.join(d, "stop"), "")
+        finish(poller)
+        check(json.loads(read(os.path.join(d, "poll.out")))["partial"] > 0, "the in-place writer was not caught")
+        return
+    env = array_device(case, run)
+    tool = spawn(live_argv(run, "0", os.path.join(d, "no-reader.pcm"), "--live-chunk-frames", "128"), env, run, "tool")
+    wait_for(lambda: os.path.exists(status_path) or tool.poll() is not None, "the first record")
+    poller = spawn([sys.executable, os.path.join(TESTS, "poll_status.py"), status_path, os.path.join(d, "stop"),
+                    "20000", "2000"], None, run, "poll")
+    wait_for(lambda: poller.poll() is not None or tool.poll() is not None, "20000 reads of 2000 records")
+    tool_ended = tool.poll() is not None
+    tool.send_signal(signal.SIGTERM)
+    finish(tool)
+    write(os.path.join(d, "stop"), "")
+    finish(poller)
+    counts = json.loads(read(os.path.join(d, "poll.out")))
+    check(not tool_ended, "the run ended first: %s" % counts)
+    check(counts["reads"] >= 20000 and counts["distinct"] >= 2000, "too few reads: %s" % counts)
+    check(counts["partial"] == 0 and counts["missing"] == 0, "a reader saw no record or a partial one: %s" % counts)
+    print("  atomicity: %s" % counts)
+
+
 SCENARIOS = {"endless_stream": endless_stream, "cut_while_read": cut_while_read, "full_disk": full_disk,
-             "command_lines": command_lines, "stand_in": stand_in}
+             "command_lines": command_lines, "stand_in": stand_in, "live_finite_run": live_finite_run,
+             "live_reader_returns": live_reader_returns, "live_slow_reader": live_slow_reader,
+             "live_planted_pcm": live_planted_pcm, "live_signal_stop": live_signal_stop,
+             "status_never_partial": status_never_partial}
 
 
 def main():
@@ -360,7 +651,7 @@ def main():
             try:
                 run_case(case, build)
                 print("ok      %s" % case["name"])
-            except (Failure, OSError, subprocess.SubprocessError, KeyError, ValueError) as e:
+            except (Failure, OSError, subprocess.SubprocessError, KeyError, ValueError, TypeError) as e:
                 failed += 1
                 print("FAILED  %s: %s" % (case["name"], e))
     sys.exit(1 if failed else 0)

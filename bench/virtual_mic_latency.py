@@ -5,7 +5,7 @@ recorder setting: the commands of the README's virtual-microphone section.
 Usage: bench/virtual_mic_latency.py [SECONDS] [BUILD]   (default: 10, build)
 
 Each case starts a private server with the pipe source (PulseAudio with
-module-pipe-source; PipeWire at 16 kHz through scripts/pipewire-stack with
+module-pipe-source; PipeWire at 16 kHz through scripts/sound-server with
 the packaged pipe-tunnel drop-in, with module-pipe-source loaded by pactl, or
 with BUILD/sonderlark-mic as the source), starts the recorder writing raw samples to
 a pipe, then writes 64 ms chunks (1024 samples, as live mode does) into the
@@ -28,7 +28,7 @@ import tempfile
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-STACK = os.path.join(HERE, "..", "scripts", "pipewire-stack")
+STACK = os.path.join(HERE, "..", "scripts", "sound-server")
 CHUNK = 1024
 DEADLINE = 20.0  # seconds for any one wait: a server to come up, a reader to appear, a process to end
 
@@ -85,51 +85,36 @@ BUILD = "build"
 
 
 def start_server(kind, run, fifo):
-    """The server and, for the mic route, sonderlark-mic: (environment, process to end or None, extra process)."""
-    if kind.startswith("PipeWire"):
-        tunnel = ["--pipe-tunnel", fifo] if kind == "PipeWire" else []
-        out = subprocess.run([STACK, "start", os.path.join(run, "pw")] + tunnel,
-                             capture_output=True, text=True, check=True, timeout=DEADLINE).stdout
-        env = dict(os.environ)
-        env.pop("PULSE_SERVER", None)
-        env.update(word.split("=", 1) for word in out.split())
-        if kind == "PipeWire-pactl":
-            subprocess.run(["pactl", "load-module", "module-pipe-source", "source_name=sonderlark_mic",
-                            f"file={fifo}", "format=s16le", "rate=16000", "channels=1"],
-                           env=env, check=True, capture_output=True, timeout=DEADLINE)
-        if kind == "PipeWire-mic":
-            mic = subprocess.Popen([os.path.join(BUILD, "sonderlark-mic"), "--fifo", fifo], env=env,
-                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-            limit = time.monotonic() + DEADLINE
-            while "sonderlark_mic" not in subprocess.run(["pactl", "list", "short", "sources"], env=env,
-                                                         capture_output=True, text=True, timeout=DEADLINE).stdout:
-                if time.monotonic() > limit or mic.poll() is not None:
-                    end_process(mic, signal.SIGTERM)
-                    raise RuntimeError("sonderlark-mic did not come up")
-                time.sleep(0.05)
-            return env, None, mic
-        return env, None, None
-    env = dict(os.environ, XDG_RUNTIME_DIR=os.path.join(run, "run"), HOME=run)
+    """The server (through scripts/sound-server) and, for the mic route, sonderlark-mic: (environment, mic process or None)."""
+    options = {"PipeWire": ["pipewire", "--pipe-tunnel", fifo], "PipeWire-pactl": ["pipewire"],
+               "PipeWire-mic": ["pipewire"],
+               "PulseAudio": ["pulseaudio", "--pipe-source", fifo, "format=s16le rate=16000 channels=1"]}[kind]
+    out = subprocess.run([STACK, "start", os.path.join(run, "server")] + options,
+                         capture_output=True, text=True, check=True, timeout=DEADLINE).stdout
+    env = dict(os.environ)
     env.pop("PULSE_SERVER", None)
-    os.makedirs(env["XDG_RUNTIME_DIR"], mode=0o700)
-    with open(os.path.join(run, "pa.pa"), "w") as f:
-        f.write("load-module module-native-protocol-unix\nload-module module-null-sink sink_name=nullsink\n"
-                f"load-module module-pipe-source source_name=sonderlark_mic file={fifo} "
-                "format=s16le rate=16000 channels=1\n")
-    pulse = subprocess.Popen(["pulseaudio", "-n", "-F", os.path.join(run, "pa.pa"), "--exit-idle-time=-1",
-                              "--daemonize=no"], env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    limit = time.monotonic() + DEADLINE
-    while time.monotonic() < limit and pulse.poll() is None:
-        if os.path.exists(fifo):
-            return env, pulse, None
-        time.sleep(0.1)
-    end_process(pulse, signal.SIGTERM)
-    raise RuntimeError("pulseaudio did not come up")
+    env.update(word.split("=", 1) for word in out.split())
+    if kind == "PipeWire-pactl":
+        subprocess.run(["pactl", "load-module", "module-pipe-source", "source_name=sonderlark_mic",
+                        f"file={fifo}", "format=s16le", "rate=16000", "channels=1"],
+                       env=env, check=True, capture_output=True, timeout=DEADLINE)
+    if kind == "PipeWire-mic":
+        mic = subprocess.Popen([os.path.join(BUILD, "sonderlark-mic"), "--fifo", fifo], env=env,
+                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        limit = time.monotonic() + DEADLINE
+        while "sonderlark_mic" not in subprocess.run(["pactl", "list", "short", "sources"], env=env,
+                                                     capture_output=True, text=True, timeout=DEADLINE).stdout:
+            if time.monotonic() > limit or mic.poll() is not None:
+                end_process(mic, signal.SIGTERM)
+                raise RuntimeError("sonderlark-mic did not come up")
+            time.sleep(0.05)
+        return env, mic
+    return env, None
 
 
 def measure(kind, recorder, run, seconds):
     fifo = os.path.join(run, "mic.pcm")
-    env, pulse, mic = start_server(kind, run, fifo)
+    env, mic = start_server(kind, run, fifo)
     rec = None
     try:
         if recorder[0] == "PROBE":
@@ -173,10 +158,7 @@ def measure(kind, recorder, run, seconds):
             end_process(rec, signal.SIGINT)
         if mic is not None:
             end_process(mic, signal.SIGTERM)
-        if pulse is not None:
-            end_process(pulse, signal.SIGTERM)
-        else:
-            subprocess.run([STACK, "stop", os.path.join(run, "pw")], check=False, timeout=DEADLINE * 4)
+        subprocess.run([STACK, "stop", os.path.join(run, "server")], check=False, timeout=DEADLINE * 4)
 
 
 def main():

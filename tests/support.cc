@@ -1,6 +1,5 @@
 #include "support.h"
 
-#include "live/live_mode.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -160,20 +159,6 @@ WavData record(std::vector<std::vector<double>> channels, int32_t sample_rate, i
   w.bits_per_sample = bits;
   w.samples = std::move(channels);
   return w;
-}
-
-std::string library_beam_bytes(const std::string& frames, std::size_t chunk_frames, std::size_t chunks) {
-  std::string pcm;
-  const std::size_t available = frames.size() / 16;
-  for (std::size_t k = 0; k < chunks; ++k) {
-    std::vector<int32_t> chunk(chunk_frames * 4, 0);
-    const std::size_t have = k * chunk_frames < available ? std::min(chunk_frames, available - k * chunk_frames) : 0;
-    std::memcpy(chunk.data(), frames.data() + k * chunk_frames * 16, have * 16);  // little-endian host
-    for (double x : analyse_chunk(chunk.data(), chunk_frames, 0.0).beam) {
-      write_le16(pcm, static_cast<uint16_t>(pcm16_from_sample(x)));
-    }
-  }
-  return pcm;
 }
 
 namespace {

@@ -66,12 +66,6 @@ std::vector<std::vector<double>> array_noise(int lag, std::size_t frames, double
 // A record of the given channels (full scale 1.0).
 WavData record(std::vector<std::vector<double>> channels, int32_t sample_rate = 16000, int32_t bits = 32);
 
-// What live mode must stream for the first `chunks` chunks of interleaved
-// S32_LE `frames` (zeros past their end), computed stage by stage with the
-// library: gain 0 dB, estimate, beam, 16-bit conversion.
-// Returned as s16le bytes.
-std::string library_beam_bytes(const std::string& frames, std::size_t chunk_frames, std::size_t chunks);
-
 // A canonical PCM WAV file of the given channels (full scale 1.0) at 16 or
 // 32 bits; a sample of 1.0 becomes the largest positive value.
 std::string pcm_wav(const std::vector<std::vector<double>>& channels, uint32_t rate = 16000, uint32_t bits = 32);

@@ -13,6 +13,7 @@ it is read, a full disk) names a scenario function of this file instead.
 Every run happens in a folder of its own, removed afterwards; every process
 started is waited for, and ended by PID if it outlives its deadline.
 """
+import array
 import json
 import os
 import re
@@ -24,6 +25,7 @@ import sys
 import tempfile
 import time
 import tomllib
+import wave
 
 TESTS = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 UPDATE = os.environ.get("SONDERLARK_UPDATE_GOLDEN") is not None
@@ -86,6 +88,9 @@ def prepare(case, run):
         path = os.path.join(run["dir"], plant["path"])
         if plant["kind"] == "fifo":
             os.mkfifo(path, 0o600)
+            os.chmod(path, plant.get("mode", 0o600))
+            if "owner" in plant:
+                os.chown(path, plant["owner"], -1)
         elif plant["kind"] == "link":  # to a path in the folder, or an absolute one
             os.symlink(os.path.join(run["dir"], plant["to"]), path)
         elif plant["kind"] == "filled":  # an open brace, then blanks up to `bytes`
@@ -153,7 +158,7 @@ def verify(case, run, status, out, err):
     d = run["dir"]
     check(status == case.get("exit", 0), "exit status %d, not %d; stderr: %s" % (status, case.get("exit", 0), text(err)))
     if "stderr" in case:
-        check(text(err) == case["stderr"], "stderr %r, not %r" % (text(err), case["stderr"]))
+        check(text(err) == expand(case["stderr"], run), "stderr %r, not %r" % (text(err), case["stderr"]))
     if "stdout" in case:
         check(text(out) == expand(case["stdout"], run), "stdout %r" % text(out))
     if "stdout_starts" in case:
@@ -205,8 +210,11 @@ def verify(case, run, status, out, err):
 
 def run_case(case, build):
     with tempfile.TemporaryDirectory(prefix="sonderlark-scenario-", dir="/tmp") as d:
-        run = {"dir": d, "build": build, "children": []}
+        run = {"dir": d, "build": build, "children": [], "server": False}
         try:
+            if case.get("needs_root") and os.geteuid() != 0:
+                print("  skipped: needs root")
+                return
             if "scenario" in case:
                 SCENARIOS[case["scenario"]](case, run)
                 return
@@ -216,6 +224,8 @@ def run_case(case, build):
                 golden(out, case["stdout_golden"], case.get("masks", {}).get("stdout", []), run)
             verify(case, run, status, out, err)
         finally:
+            if run["server"]:  # a sound server the scenario started
+                stop_server(run)
             for child in run["children"]:  # what the scenario started and left running
                 if child.poll() is None:
                     child.terminate()
@@ -394,15 +404,18 @@ def file_text(path):
 
 def array_device(case, run):
     """The device "sonderlark_array" of a simulated array (a source at 30
-    degrees: lag 4), `repeat` times the 4000 frames of a noise recording.
-    Paced, a pacer writes the frames at real time and silence after them, so
-    that a run reads the same frames at any build's speed; unpaced, arecord
-    reads them as fast as the tool takes them."""
+    degrees: lag 4), playing speech or `repeat` times the 4000 frames of a
+    noise recording. Paced, a pacer writes the frames at real time and silence
+    after them, so that a run reads the same frames at any build's speed;
+    unpaced, arecord reads them as fast as the tool takes them."""
     d = run["dir"]
     frames = os.path.join(d, "frames.raw")
-    sim = [os.path.join(run["build"], "sonderlark-sim"), "--input", os.path.join(TESTS, "golden/noise_lag5.wav"),
-           "--lag", "4", "--repeat", str(case["repeat"]), "--raw", "--output", frames]
-    check(execute(sim, dict(os.environ), d)[0] == 0, "sonderlark-sim failed")
+    if case.get("speech"):
+        speech_frames(run)
+    else:
+        sim = [os.path.join(run["build"], "sonderlark-sim"), "--input", os.path.join(TESTS, "golden/noise_lag5.wav"),
+               "--lag", "4", "--repeat", str(case["repeat"]), "--raw", "--output", frames]
+        check(execute(sim, dict(os.environ), d)[0] == 0, "sonderlark-sim failed")
     if not case.get("paced"):
         return prepare(dict(case, device_file="frames.raw"), run)
     os.mkfifo(os.path.join(d, "infile"), 0o600)
@@ -634,11 +647,198 @@ def status_never_partial(case, run):
     print("  atomicity: %s" % counts)
 
 
+# Live mode into the virtual microphone of a real sound server, started by
+# scripts/sound-server. A route is the server and what makes its pipe source.
+
+SOUND_SERVER = os.path.join(os.path.dirname(TESTS), "scripts", "sound-server")
+PIPE_SOURCE = "format=s16le rate=16000 channels=1"
+
+
+def start_server(case, run, fifo, settings=PIPE_SOURCE):
+    """Starts the case's route; returns the environment that reaches the server."""
+    d, route = run["dir"], case["route"]
+    options = {"pulseaudio": ["pulseaudio"] + (["--pipe-source", fifo, settings] if settings else []),
+               "pipewire-drop-in": ["pipewire", "--pipe-tunnel", fifo]}.get(route, ["pipewire"])
+    folder = os.path.join(d, "server")
+    status, out, err = execute([SOUND_SERVER, "start", folder] + options, dict(os.environ), d)
+    check(status == 0, "the %s server did not start: %s" % (route, text(err)))
+    run["server"] = True
+    env = {k: v for k, v in os.environ.items() if k not in ("PULSE_SERVER", "PIPEWIRE_REMOTE")}
+    env.update(word.split("=", 1) for word in text(out).split())
+    sources = lambda: text(execute(["pactl", "list", "short", "sources"], env, d)[1])
+    if route == "pipewire-pactl":
+        argv = ["pactl", "load-module", "module-pipe-source", "source_name=sonderlark_mic", "file=" + fifo]
+        check(execute(argv + PIPE_SOURCE.split(), env, d)[0] == 0, "pactl load-module failed")
+    if route == "pipewire-mic":
+        if "mic" not in run:  # once: after a server restart the running one publishes its node again
+            run["mic"] = spawn([os.path.join(run["build"], "sonderlark-mic"), "--fifo", fifo], env, run, "mic")
+        wait_for(lambda: "sonderlark_mic" in sources(), "sonderlark-mic's source")
+    return env
+
+
+def stop_server(run):
+    execute([SOUND_SERVER, "stop", os.path.join(run["dir"], "server")], dict(os.environ), run["dir"])
+
+
+def with_server(case, run, server_env):
+    """The environment of a tool run: the array device's, reaching the server."""
+    env = array_device(case, run)
+    env.update(server_env)
+    env["XDG_CONFIG_HOME"] = os.path.join(run["dir"], "config")  # the device
+    return env
+
+
+def start_recorder(case, run, env, wav):
+    """A recorder of the source at 16 kHz, returned once the server lists its
+    stream. The Pulse layer may list the source before the session manager can
+    link to it: pw-record then ends at once ("no node available") and is
+    started again. Both recorders stop on SIGINT with what they got written."""
+    argv = (["parecord", "-d", "sonderlark_mic", "--rate=16000", "--channels=1", "--format=s16le",
+             "--latency-msec=20", "--file-format=wav", wav] if case["route"] == "pulseaudio" else
+            ["pw-record", "--target", "sonderlark_mic", "--rate", "16000", "--channels", "1", "--format", "s16",
+             "--latency", "16ms", wav])
+    for _ in range(20):
+        recorder = spawn(argv, env, run, "recorder")
+        streams = lambda: text(execute(["pactl", "list", "short", "source-outputs"], env, run["dir"])[1]).strip()
+        wait_for(lambda: recorder.poll() is not None or streams(), "the recorder's stream")
+        if recorder.poll() is None:
+            return recorder
+    raise Failure("the recorder never connected: " + file_text(os.path.join(run["dir"], "recorder.err")))
+
+
+def received_in_order(got, want, chunk):
+    """How much of `want` arrives in `got`, bit for bit and in order; the
+    drops; a fault. Between its samples `got` may hold the source's own
+    silence (before the first beam, after the last, where the FIFO ran dry).
+    When the server falls behind, the tool drops the rest of a chunk: the
+    stream then goes on at a later chunk's first sample (a drop)."""
+    j = drops = 0
+    for i, sample in enumerate(got):
+        if j < len(want) and sample == want[j]:
+            j += 1
+            continue
+        if sample == 0:
+            continue
+        # Two samples, so that a chance equal value is not taken for a chunk's start.
+        starts = lambda k: want[k] == sample and (i + 1 == len(got) or k + 1 == len(want) or want[k + 1] == got[i + 1])
+        following = (j // chunk + 1) * chunk
+        while following < len(want) and not starts(following):
+            following += chunk
+        if j > 0 and following < len(want):
+            j, drops = following + 1, drops + 1
+            continue
+        return j, drops, "recorded sample %d is %d, beam sample %d is %s" % (i, sample, j, want[j] if j < len(want) else "past the end")
+    return j, drops, ""
+
+
+def speech_frames(run):
+    """Simulated speech from 30 degrees (lag 4), as the device's raw frames."""
+    d = run["dir"]
+    for argv in (["espeak-ng", "-w", "say.wav", "Testing the virtual microphone. One, two, three, four, five, six, seven."],
+                 ["sox", "say.wav", "-r", "16000", "-b", "16", "-c", "1", "speech.wav", "gain", "-6"],
+                 [os.path.join(run["build"], "sonderlark-sim"), "--input", "speech.wav", "--output", "frames.raw",
+                  "--raw", "--lag", "4", "--noise-rms", "0.001", "--repeat", "3"]):
+        check(execute(argv, dict(os.environ), d)[0] == 0, argv[0] + " failed")
+
+
+def virtual_mic_bit_for_bit(case, run):
+    """A paced live run into the virtual microphone: a recorder gets every beam sample bit for bit."""
+    d = run["dir"]
+    fifo = os.path.join(d, "mic.pcm")
+    env = with_server(case, run, start_server(case, run, fifo))
+    recorder = start_recorder(case, run, env, os.path.join(d, "rec.wav"))
+    status, out, err = execute(live_argv(run, "4", fifo), env, d)
+    verify(dict(case, stdout_has=["live PCM output connected: " + fifo]), run, status, out, err)
+    beams = library_beams(run, int(re.search(r"live chunks_processed: (\d+)", text(out)).group(1)))
+    wait_for(lambda: beams[-2048:] in read(os.path.join(d, "rec.wav")), "the last chunk in the recording")
+    recorder.send_signal(signal.SIGINT)
+    finish(recorder)
+    with wave.open(os.path.join(d, "rec.wav")) as w:
+        check((w.getnchannels(), w.getframerate(), w.getsampwidth()) == (1, 16000, 2), "the recording's format")
+        got = array.array("h", w.readframes(w.getnframes()))
+    want = array.array("h", beams)
+    received, drops, fault = received_in_order(got, want, 1024)
+    check(fault == "" and received == len(want), "%d of %d samples in order; %s" % (received, len(want), fault))
+    print("  %s: %d beam samples bit for bit in %d recorded, %d drops" % (case["route"], received, len(got), drops))
+
+
+def virtual_mic_server_restart(case, run):
+    """A continuous run while the server goes away and comes back: the reader
+    is lost and found again, and the status file keeps moving meanwhile."""
+    d = run["dir"]
+    fifo = os.path.join(d, "mic.pcm")
+    env = with_server(case, run, start_server(case, run, fifo))
+    tool = spawn(live_argv(run, "0", fifo), env, run, "tool")
+    log = lambda: file_text(os.path.join(d, "status.log"))
+    connected = "live PCM output connected: "
+    disconnected = "warning: live PCM output reader disconnected; direction status will continue"
+    wait_for(lambda: log().count(connected) == 1 and chunks_now(run) > 10, "10 chunks into the microphone")
+    before = chunks_now(run)
+    stop_server(run)  # the source removes the FIFO it made
+    wait_for(lambda: disconnected in log(), "the disconnection")
+    wait_for(lambda: chunks_now(run) > before + 10, "10 chunks while the server is gone")
+    while_down = chunks_now(run)
+    start_server(case, run, fifo)
+    wait_for(lambda: log().count(connected) == 2, "the second connection")
+    wait_for(lambda: chunks_now(run) > while_down + 10, "10 chunks after the restart")
+    tool.send_signal(signal.SIGTERM)
+    verify(case, run, finish(tool), read(os.path.join(d, "tool.out")), b"")
+
+
+def mic_follows_server(case, run):
+    """sonderlark-mic through a restart of its PipeWire server: its source is
+    published again by itself; at the end its FIFO is gone."""
+    d = run["dir"]
+    fifo = os.path.join(d, "mic.pcm")
+    start_server(case, run, fifo)
+    said = lambda what: lambda: file_text(os.path.join(d, "mic.err")).count(what) == 1
+    check(said("sonderlark-mic: source sonderlark_mic ready")(), "not ready: " + file_text(os.path.join(d, "mic.err")))
+    stop_server(run)
+    wait_for(said("sonderlark-mic: lost the PipeWire server; trying again every second"), "the loss")
+    start_server(case, run, fifo)
+    wait_for(said("sonderlark-mic: connected to PipeWire again"), "the reconnection")
+    run["mic"].send_signal(signal.SIGTERM)
+    check(finish(run["mic"]) == 0, "sonderlark-mic did not end with 0")
+    check(not os.path.lexists(fifo), "the FIFO is left")
+
+
+def mic_makes_its_fifo(case, run):
+    """With no FIFO there, sonderlark-mic makes a private one, waits for a
+    server, and removes it at the end."""
+    d = run["dir"]
+    env = prepare(case, run)
+    mic = spawn([os.path.join(run["build"], "sonderlark-mic")], env, run, "mic")
+    wait_for(lambda: "no PipeWire server" in file_text(os.path.join(d, "mic.err")), "the wait for a server")
+    info = os.lstat(os.path.join(d, "run/sonderlark-beamformed-mic.pcm"))
+    check(stat.S_ISFIFO(info.st_mode) and info.st_mode & 0o777 == 0o600, "the FIFO is not a private FIFO")
+    mic.send_signal(signal.SIGTERM)
+    verify(case, run, finish(mic), b"", read(os.path.join(d, "mic.err")))
+    check(not os.path.lexists(os.path.join(d, "run/sonderlark-beamformed-mic.pcm")), "the FIFO is left")
+
+
+def doctor_virtual_mic(case, run):
+    """sonderlark-doctor against a real PulseAudio finds the pipe source loaded
+    in the private runtime folder by itself and checks it."""
+    d = run["dir"]
+    fifo = os.path.join(d, "server/run/sonderlark-beamformed-mic.pcm")
+    env = with_server(case, run, start_server(case, run, fifo, case["settings"]))
+    argv = [os.path.join(run["build"], "sonderlark-doctor"), "--device", "sonderlark_array", "--seconds", "2",
+            "--event-output", os.path.join(d, "status.json"), "--json"] + case.get("args", [])
+    status, out, err = execute(argv, env, d)
+    verify(case, run, status, out, err)
+    answer = json.loads(out)
+    check(answer["problems"] == sum(c["state"] == "problem" for c in answer["checks"]), "the problem count")
+    states = " ".join(c["name"].replace(" ", "_") + "=" + c["state"] for c in answer["checks"])
+    check(states == case["states"], "states " + states)
+
+
 SCENARIOS = {"endless_stream": endless_stream, "cut_while_read": cut_while_read, "full_disk": full_disk,
              "command_lines": command_lines, "stand_in": stand_in, "live_finite_run": live_finite_run,
              "live_reader_returns": live_reader_returns, "live_slow_reader": live_slow_reader,
              "live_planted_pcm": live_planted_pcm, "live_signal_stop": live_signal_stop,
-             "status_never_partial": status_never_partial}
+             "status_never_partial": status_never_partial, "virtual_mic_bit_for_bit": virtual_mic_bit_for_bit,
+             "virtual_mic_server_restart": virtual_mic_server_restart, "mic_follows_server": mic_follows_server,
+             "mic_makes_its_fifo": mic_makes_its_fifo, "doctor_virtual_mic": doctor_virtual_mic}
 
 
 def main():

@@ -34,6 +34,7 @@ MASKS = {  # name: (pattern, replacement, must be there); {dir} in a pattern is 
     "timestamp": (r'"timestamp": "\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}Z"', '"timestamp": "TIMESTAMP"', True),
     "frame_time": (r"at 20[0-9-]{8}T[0-9:]{8}Z", "at TIMESTAMP", False),
     "status_path": (r"{dir}/status\.json", "STATUS", False),
+    "dir": (r"{dir}", "TMP", False),
 }
 
 
@@ -69,9 +70,11 @@ def source(what):
 
 
 def expand(value, run):
-    """{dir}: the run's folder; {tests}: the tests folder; {xHH}: the byte HH,
+    """{dir}: the run's folder; {tests}: the tests folder; {env:NAME}: the
+    variable NAME of the runner's environment; {xHH}: the byte HH,
     which TOML cannot hold when it is not UTF-8 (passed on as the bytes)."""
     value = value.replace("{dir}", run["dir"]).replace("{tests}", TESTS)
+    value = re.sub(r"\{env:(\w+)\}", lambda m: os.environ.get(m.group(1), ""), value)
     return re.sub(r"\{x([0-9a-f]{2})\}", lambda m: chr(int(m.group(1), 16) + (0xdc00 if m.group(1) >= "80" else 0)),
                   value)
 
@@ -80,6 +83,8 @@ def prepare(case, run):
     """The run folder: its files, planted paths and device."""
     for name, what in case.get("files", {}).items():
         write(os.path.join(run["dir"], expand(name, run)), source(what))
+    for name in case.get("executables", []):
+        os.chmod(os.path.join(run["dir"], name), 0o755)
     for sim in case.get("simulate", []):  # a simulated array recording, made by sonderlark-sim
         argv = [os.path.join(run["build"], "sonderlark-sim"), "--output", os.path.join(run["dir"], sim["output"])]
         status, _, err = execute(argv + [expand(a, run) for a in sim["args"]], dict(os.environ), run["dir"])
@@ -123,12 +128,13 @@ def command(case, run):
     return argv
 
 
-def execute(argv, env, cwd):
-    """Runs argv to its end (killed by PID past the deadline): status, stdout, stderr."""
-    with subprocess.Popen(argv, env=env, cwd=cwd, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                          stderr=subprocess.PIPE) as child:
+def execute(argv, env, cwd, stdin=None):
+    """Runs argv to its end (killed by PID past the deadline), `stdin` its
+    input if given: status, stdout, stderr."""
+    with subprocess.Popen(argv, env=env, cwd=cwd, stdin=subprocess.DEVNULL if stdin is None else subprocess.PIPE,
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE) as child:
         try:
-            out, err = child.communicate(timeout=DEADLINE)
+            out, err = child.communicate(stdin and stdin.encode(), timeout=DEADLINE)
         except subprocess.TimeoutExpired:
             child.kill()
             child.communicate()
@@ -826,10 +832,86 @@ def doctor_virtual_mic(case, run):
             "--event-output", os.path.join(d, "status.json"), "--json"] + case.get("args", [])
     status, out, err = execute(argv, env, d)
     verify(case, run, status, out, err)
+    doctor_answer(case, out)
+
+
+def doctor_answer(case, out):
+    """The doctor's --json answer: the state of every check as the case says,
+    the problems counted, the channels' figures as numbers."""
     answer = json.loads(out)
     check(answer["problems"] == sum(c["state"] == "problem" for c in answer["checks"]), "the problem count")
     states = " ".join(c["name"].replace(" ", "_") + "=" + c["state"] for c in answer["checks"])
     check(states == case["states"], "states " + states)
+    if states.startswith("device=ok channels="):
+        channels = answer["checks"][1]["channels"]
+        check(len(channels) == 4, "%d channel records" % len(channels))
+        for channel in channels:
+            check(all(isinstance(channel[k], float) for k in ("level_dbfs", "peak_dbfs", "noise_floor_dbfs", "dc_offset"))
+                  and isinstance(channel["clipped_samples"], int), "a channel's figures: %s" % channel)
+    return answer
+
+
+def doctor_array(case, run):
+    """sonderlark-doctor on the real arecord, its file device playing what
+    sonderlark-sim made of noise bursts (the noise floor lies in the pauses)
+    with the case's faults; or four taps, one per microphone in turn, the
+    user pressing Enter; or silence."""
+    d = run["dir"]
+    sim = lambda source, options: execute([os.path.join(run["build"], "sonderlark-sim"), "--input", source,
+                                           "--output", "part.raw", "--raw"] + options, None, d)[0] == 0 and read(
+        os.path.join(d, "part.raw"))
+    sox = lambda name, synth: check(execute(["sox", "-R", "-n", "-r", "16000", "-b", "16", "-c", "1", name] +
+                                            synth.split(), None, d)[0] == 0, "sox failed")
+    frames = bytes(64000)
+    if case.get("taps"):
+        sox("click.wav", "synth 0.004 sine 2000 vol 0.8 pad 0.5 2.496")
+        frames = b"".join(sim("click.wav", ["--tap", str(mic), "--noise-rms", "0.0005", "--swap", "1:2", "--seed",
+                                            str(mic)]) for mic in range(4))
+    elif "sim" in case:
+        sox("bursts.wav", "synth 1 whitenoise vol 0.3 pad 0 1")
+        frames = sim("bursts.wav", ["--lag", "2", "--noise-rms", "0.001"] + case["sim"])
+    write(os.path.join(d, "frames.raw"), frames)
+    env = prepare(dict(case, device_file="frames.raw"), run)
+    config = os.path.join(d, "config/alsa/asoundrc")
+    if case.get("two_channels"):  # two file devices side by side, one channel of each
+        first = file_text(config)
+        write(config, first + first.replace("sonderlark_array", "second_array", 1) +
+              'pcm.stereo { type multi slaves.a.pcm "sonderlark_array" slaves.a.channels 1 slaves.b.pcm "second_array" '
+              "slaves.b.channels 1 bindings.0.slave a bindings.0.channel 0 bindings.1.slave b bindings.1.channel 0 }\n")
+    argv = [os.path.join(run["build"], "sonderlark-doctor"), "--seconds", "2", "--event-output",
+            os.path.join(d, "status.json")] + [expand(a, run) for a in case["args"]]
+    status, out, err = execute(argv, env, d, case.get("stdin", ""))
+    verify(case, run, status, out, err)
+    if "stdout_golden" in case:
+        golden(out, case["stdout_golden"], ["dir"], run)
+    if "states" in case:
+        answer = doctor_answer(case, out)
+        if case.get("taps"):
+            ordered_device_restores(run, env, answer, frames)
+
+
+def ordered_device_restores(run, env, answer, frames):
+    """The route device the answer gives puts every frame back in order,
+    recorded through the real arecord: each frame of the recording is a frame
+    of the device with channels 1 and 2 exchanged. (Through a route over a
+    file device, blocks of frames may come in another order.)"""
+    d = run["dir"]
+    definition = [t[t.index("pcm."):] for t in answer["checks"][3]["details"] if "pcm.sonderlark_ordered" in t]
+    check(definition == ['pcm.sonderlark_ordered { type route slave.pcm "sonderlark_array" slave.channels 4 '
+                         "ttable.0.0 1 ttable.1.2 1 ttable.2.1 1 ttable.3.3 1 }"], "the route device %s" % definition)
+    with open(os.path.join(d, "config/alsa/asoundrc"), "a") as f:
+        f.write(definition[0] + "\n")
+    count = len(frames) // 16
+    argv = ["arecord", "-q", "-D", "sonderlark_ordered", "-f", "S32_LE", "-r", "16000", "-c", "4", "-t", "raw", "-s",
+            str(count), "fixed.raw"]
+    check(execute(argv, env, d)[0] == 0, "arecord through the route device failed")
+    frame = lambda data, f: data[16 * f:16 * f + 16]
+    restored = {frame(frames, f)[:4] + frame(frames, f)[8:12] + frame(frames, f)[4:8] + frame(frames, f)[12:]
+                for f in range(count)}
+    swapped = sum(frame(frames, f)[4:8] != frame(frames, f)[8:12] for f in range(count))  # frames a swap changes
+    got = read(os.path.join(d, "fixed.raw"))
+    check(swapped > count // 4 and len(got) == count * 16, "the recording's length, or too few frames to tell")
+    check(all(frame(got, f) in restored for f in range(count)), "a frame not restored")
 
 
 SCENARIOS = {"endless_stream": endless_stream, "cut_while_read": cut_while_read, "full_disk": full_disk,
@@ -838,7 +920,8 @@ SCENARIOS = {"endless_stream": endless_stream, "cut_while_read": cut_while_read,
              "live_planted_pcm": live_planted_pcm, "live_signal_stop": live_signal_stop,
              "status_never_partial": status_never_partial, "virtual_mic_bit_for_bit": virtual_mic_bit_for_bit,
              "virtual_mic_server_restart": virtual_mic_server_restart, "mic_follows_server": mic_follows_server,
-             "mic_makes_its_fifo": mic_makes_its_fifo, "doctor_virtual_mic": doctor_virtual_mic}
+             "mic_makes_its_fifo": mic_makes_its_fifo, "doctor_virtual_mic": doctor_virtual_mic,
+             "doctor_array": doctor_array}
 
 
 def main():

@@ -85,6 +85,10 @@ def prepare(case, run):
         write(os.path.join(run["dir"], expand(name, run)), source(what))
     for name in case.get("executables", []):
         os.chmod(os.path.join(run["dir"], name), 0o755)
+    for name, seconds in case.get("ages", {}).items():  # negative: from the future
+        os.utime(os.path.join(run["dir"], name), (time.time() - seconds,) * 2)
+    for name, uid in case.get("owners", {}).items():
+        os.chown(os.path.join(run["dir"], name), uid, -1)
     for sim in case.get("simulate", []):  # a simulated array recording, made by sonderlark-sim
         argv = [os.path.join(run["build"], "sonderlark-sim"), "--output", os.path.join(run["dir"], sim["output"])]
         status, _, err = execute(argv + [expand(a, run) for a in sim["args"]], dict(os.environ), run["dir"])
@@ -120,6 +124,8 @@ def command(case, run):
     argv = [os.path.join(run["build"], case["program"])] + [expand(a, run) for a in case.get("args", [])]
     if "file_size_limit" in case:
         argv = ["prlimit", "--fsize=%d" % case["file_size_limit"]] + argv
+    if "address_space_limit" in case:
+        argv = ["prlimit", "--as=%d" % case["address_space_limit"]] + argv
     if "fd_limit" in case:
         argv = ["prlimit", "--nofile=%d" % case["fd_limit"]] + argv
     if case.get("stdout_closed"):  # a reader gone before the first line
@@ -205,6 +211,8 @@ def verify(case, run, status, out, err):
     for name, kind in case.get("kinds", {}).items():  # a planted path is still what it was
         path = os.path.join(d, name)
         check({"fifo": stat.S_ISFIFO, "link": stat.S_ISLNK}[kind](os.lstat(path).st_mode), name + " is no " + kind)
+    for name, size in case.get("sizes", {}).items():
+        check(os.path.getsize(os.path.join(d, name)) == size, "%s has %d bytes" % (name, os.path.getsize(os.path.join(d, name))))
     for name, limit in case.get("at_most_bytes", {}).items():
         check(os.path.getsize(os.path.join(d, name)) <= limit, "%s is over %d bytes" % (name, limit))
     for name, fields in case.get("json_fields", {}).items():
@@ -214,12 +222,21 @@ def verify(case, run, status, out, err):
             check(doc.get(key) == value, "%s: %s is %r, not %r" % (name, key, doc.get(key), value))
 
 
+def sanitized(build):
+    """A sanitizer build reserves terabytes of address space and runs tens of times slower."""
+    with open(os.path.join(build, "CMakeCache.txt")) as f:
+        return "SONDERLARK_SANITIZE:BOOL=ON" in f.read()
+
+
 def run_case(case, build):
     with tempfile.TemporaryDirectory(prefix="sonderlark-scenario-", dir="/tmp") as d:
         run = {"dir": d, "build": build, "children": [], "server": False}
         try:
             if case.get("needs_root") and os.geteuid() != 0:
                 print("  skipped: needs root")
+                return
+            if case.get("optimised_only") and sanitized(build):
+                print("  skipped: moves gigabytes; runs in the Release build's suite")
                 return
             if "scenario" in case:
                 SCENARIOS[case["scenario"]](case, run)

@@ -123,8 +123,6 @@ RunResult run(const std::vector<std::string>& argv, const std::map<std::string, 
 }
 
 std::string tool_path() { return SONDERLARK_BIN; }
-std::string sim_path() { return SONDERLARK_SIM; }
-std::string program_path(const std::string& name) { return sim_path().substr(0, sim_path().rfind('/') + 1) + name; }
 std::string source_path(const std::string& relative) { return std::string(SONDERLARK_SOURCE_DIR) + "/" + relative; }
 
 std::vector<double> white_noise(std::size_t n, double amplitude, uint32_t seed) {
@@ -179,12 +177,6 @@ void append_samples(std::string& out, const std::vector<std::vector<double>>& ch
 
 }  // namespace
 
-std::string s32_frames(const std::vector<std::vector<double>>& channels) {
-  std::string out;
-  append_samples(out, channels, 32);
-  return out;
-}
-
 std::string pcm_wav(const std::vector<std::vector<double>>& channels, uint32_t rate, uint32_t bits) {
   std::string data;
   append_samples(data, channels, bits);
@@ -202,46 +194,6 @@ std::string pcm_wav(const std::vector<std::vector<double>>& channels, uint32_t r
   out += "data";
   write_le32(out, static_cast<uint32_t>(data.size()));
   return out + data;
-}
-
-std::string doctor_states(const std::string& json_text) {
-  TempDir tmp;
-  write_file(tmp.path("answer.json"), json_text);
-  return run({"python3", "-c",
-              "import json, sys\nd = json.load(open(sys.argv[1]))\n"
-              "assert d['problems'] == sum(c['state'] == 'problem' for c in d['checks'])\n"
-              "print(' '.join(c['name'].replace(' ', '_') + '=' + c['state'] for c in d['checks']), end='')",
-              tmp.path("answer.json")})
-      .out;
-}
-
-void write_alsa_file_device(const std::string& config_home, const std::string& name, const std::string& infile) {
-  std::filesystem::create_directories(config_home + "/alsa");
-  write_file(config_home + "/alsa/asoundrc",
-             "pcm." + name + " {\n  type file\n  slave.pcm \"null\"\n  file \"/dev/null\"\n  infile \"" +
-                 infile + "\"\n  format \"raw\"\n}\n");
-}
-
-std::map<std::string, std::optional<std::string>> alsa_env(const std::string& config_home) {
-  std::filesystem::create_directories(config_home + "/run");
-  std::filesystem::permissions(config_home + "/run", std::filesystem::perms::owner_all);
-  return {{"XDG_CONFIG_HOME", config_home}, {"XDG_RUNTIME_DIR", config_home + "/run"}};
-}
-
-PacedDevice::PacedDevice(const TempDir& dir) : tmp(dir) {
-  if (mkfifo(tmp.path("infile").c_str(), 0600) != 0) throw std::runtime_error("mkfifo failed");
-  write_alsa_file_device(tmp.path("config"), "sonderlark_array", tmp.path("infile"));
-  pacer = spawn({"python3", source_path("tests/pace_frames.py"), tmp.path("frames.raw"), tmp.path("infile")}, {},
-                tmp.path("pacer.out"), tmp.path("pacer.err"));
-}
-
-PacedDevice::~PacedDevice() {
-  kill(pacer, SIGTERM);
-  wait_child(pacer);
-}
-
-std::map<std::string, std::optional<std::string>> PacedDevice::env() const {
-  return alsa_env(tmp.path("config"));
 }
 
 }  // namespace sonderlark::test

@@ -48,9 +48,6 @@ int wait_child(int pid);
 
 // Paths of the built programs and of the source tree.
 std::string tool_path();
-std::string sim_path();
-// A program built beside sonderlark-sim, such as "sonderlark-doctor".
-std::string program_path(const std::string& name);
 std::string source_path(const std::string& relative);
 
 // Seeded white noise, uniform in [-amplitude, amplitude).
@@ -69,36 +66,5 @@ WavData record(std::vector<std::vector<double>> channels, int32_t sample_rate = 
 // A canonical PCM WAV file of the given channels (full scale 1.0) at 16 or
 // 32 bits; a sample of 1.0 becomes the largest positive value.
 std::string pcm_wav(const std::vector<std::vector<double>>& channels, uint32_t rate = 16000, uint32_t bits = 32);
-
-// Interleaved S32_LE frames of the given channels, as arecord delivers them.
-std::string s32_frames(const std::vector<std::vector<double>>& channels);
-
-// "name=state ..." of every check in a sonderlark-doctor --json answer, read
-// through Python's json (spaces in names become underscores).
-std::string doctor_states(const std::string& json_text);
-
-// The environment for an ALSA program configured under `config_home`: also
-// a private runtime folder inside it, since ALSA's PulseAudio plugin
-// otherwise leaves a /tmp/pulse-* folder behind for every run.
-std::map<std::string, std::optional<std::string>> alsa_env(const std::string& config_home);
-
-// Writes an ALSA configuration defining `pcm.<name>` as a file-backed
-// capture device reading `infile`, under `config_home`/alsa/asoundrc.
-void write_alsa_file_device(const std::string& config_home, const std::string& name,
-                            const std::string& infile);
-
-// The ALSA device "sonderlark_array" under `dir`/config, reading a FIFO that
-// tests/pace_frames.py fills at real time from `dir`/frames.raw (silence
-// after its end), so that a run reads the same frames at any build's speed.
-// One device serves one capture: the pacer ends when arecord closes the FIFO.
-struct PacedDevice {
-  explicit PacedDevice(const TempDir& dir);
-  ~PacedDevice();
-  PacedDevice(const PacedDevice&) = delete;
-  PacedDevice& operator=(const PacedDevice&) = delete;
-  std::map<std::string, std::optional<std::string>> env() const;  // alsa_env of its config
-  const TempDir& tmp;
-  int pacer = -1;
-};
 
 }  // namespace sonderlark::test

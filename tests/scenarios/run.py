@@ -107,17 +107,34 @@ def prepare(case, run):
         else:
             os.makedirs(path)
     env = dict(os.environ)
-    if "device_file" in case:  # ALSA's file plugin reads the device's frames from this file
-        config = os.path.join(run["dir"], "config")
-        write(os.path.join(config, "alsa", "asoundrc"),
-              'pcm.sonderlark_array {\n  type file\n  slave.pcm "null"\n  file "/dev/null"\n  infile "%s"\n'
-              '  format "raw"\n}\n' % os.path.join(run["dir"], case["device_file"]))
-        os.makedirs(os.path.join(config, "run"), mode=0o700)
-        env.update(XDG_CONFIG_HOME=config, XDG_RUNTIME_DIR=os.path.join(config, "run"))
+    if "device_file" in case:
+        env.update(file_device(run["dir"], os.path.join(run["dir"], case["device_file"])))
     env.update({k: expand(v, run) for k, v in case.get("env", {}).items()})
     for name in case.get("env_unset", []):
         env.pop(name, None)
     return env
+
+
+def file_device(folder, infile):
+    """The ALSA device "sonderlark_array" under folder/config: ALSA's file
+    plugin reads its frames from `infile`. Returns the environment that names
+    it, with a private runtime folder (ALSA's PulseAudio plugin otherwise
+    leaves a /tmp/pulse-* folder behind)."""
+    config = os.path.join(folder, "config")
+    write(os.path.join(config, "alsa", "asoundrc"), 'pcm.sonderlark_array {\n  type file\n  slave.pcm "null"\n'
+          '  file "/dev/null"\n  infile "%s"\n  format "raw"\n}\n' % infile)
+    os.makedirs(os.path.join(config, "run"), mode=0o700)
+    return {"XDG_CONFIG_HOME": config, "XDG_RUNTIME_DIR": os.path.join(config, "run")}
+
+
+def paced_device(run, folder, name="pacer"):
+    """The device of folder/frames.raw, paced at real time: a pacer writes the
+    frames into a FIFO and silence after them, so that a run reads the same
+    frames at any build's speed. One device serves one capture."""
+    os.mkfifo(os.path.join(folder, "infile"), 0o600)
+    spawn([sys.executable, os.path.join(TESTS, "pace_frames.py"), os.path.join(folder, "frames.raw"),
+           os.path.join(folder, "infile")], None, run, name)
+    return file_device(folder, os.path.join(folder, "infile"))
 
 
 def command(case, run):
@@ -249,6 +266,8 @@ def run_case(case, build):
         finally:
             if run["server"]:  # a sound server the scenario started
                 stop_server(run)
+            if run.get("tmux"):
+                tmux(run, "kill-server")
             for child in run["children"]:  # what the scenario started and left running
                 if child.poll() is None:
                     child.terminate()
@@ -441,9 +460,8 @@ def array_device(case, run):
         check(execute(sim, dict(os.environ), d)[0] == 0, "sonderlark-sim failed")
     if not case.get("paced"):
         return prepare(dict(case, device_file="frames.raw"), run)
-    os.mkfifo(os.path.join(d, "infile"), 0o600)
-    env = prepare(dict(case, device_file="infile"), run)
-    spawn([sys.executable, os.path.join(TESTS, "pace_frames.py"), frames, os.path.join(d, "infile")], env, run, "pacer")
+    env = prepare(case, run)
+    env.update(paced_device(run, d))
     return env
 
 
@@ -931,6 +949,124 @@ def ordered_device_restores(run, env, answer, frames):
     check(all(frame(got, f) in restored for f in range(count)), "a frame not restored")
 
 
+# sonderlark-monitor in a real terminal: a tmux server of the case's own.
+
+def tmux(run, *args):
+    return text(execute(["tmux", "-S", os.path.join(run["dir"], "tmux.sock")] + list(args), None, run["dir"])[1])
+
+
+def terminal(run, argv, width, height, env=None):
+    """A detached terminal of the given size running argv in the run's folder;
+    returns a function that reads its screen. Ended with the case."""
+    argv = ["tmux", "-S", os.path.join(run["dir"], "tmux.sock"), "new-session", "-d", "-x", str(width), "-y",
+            str(height), "-c", run["dir"]] + argv
+    run["tmux"] = True
+    status, _, err = execute(argv, env, run["dir"])
+    check(status == 0, "tmux failed: " + text(err))
+    return lambda: tmux(run, "capture-pane", "-p", "-t", "0")
+
+
+def noise_frames(run, folder, angles):
+    """folder/frames.raw: four seconds of noise from each of `angles` in turn."""
+    os.makedirs(folder)
+    check(execute(["sox", "-n", "-r", "16000", "-b", "16", "-c", "1", "noise.wav", "synth", "4", "whitenoise", "vol",
+                   "0.3"], None, folder)[0] == 0, "sox failed")
+    frames = b""
+    for angle in angles:
+        argv = [os.path.join(run["build"], "sonderlark-sim"), "--input", "noise.wav", "--output", "part.raw", "--raw",
+                "--angle", str(angle)]
+        check(execute(argv, None, folder)[0] == 0, "sonderlark-sim failed")
+        frames += read(os.path.join(folder, "part.raw"))
+    write(os.path.join(folder, "frames.raw"), frames)
+
+
+def needle_column(screen):
+    return next((line.index("@") for line in screen.splitlines() if "@" in line), -1)
+
+
+def monitor_follows_live_run(case, run):
+    """The monitor watching a real live run whose source moves from -30 to
+    +48.59 degrees halfway; the run killed, its last record ages and the view
+    says so; a new run clears the banner. How soon is reported, not asserted."""
+    d = run["dir"]
+    status_path = os.path.join(d, "state/status.json")
+    live = lambda env, name: spawn([os.path.join(run["build"], "sonderlark"), "--live", "--device", "sonderlark_array",
+                                    "--pcm-output", os.path.join(d, "none"), "--event-output", status_path, "--log",
+                                    ""], dict(os.environ, **env), run, name)
+    noise_frames(run, os.path.join(d, "first"), [-30, 48.59])
+    tool = live(paced_device(run, os.path.join(d, "first"), "pacer1"), "first")
+    screen = terminal(run, [os.path.join(run["build"], "sonderlark-monitor"), "--interval", "100", status_path], 90, 40)
+    shows = lambda what: lambda: what in screen()
+    wait_for(shows("direction: -30.00 degrees"), "-30 degrees on the screen")
+    before = screen()
+    check(all("ch%d " % c in before for c in range(4)) and "ch4 " not in before, "the four channels: " + before)
+    wait_for(lambda: abs(json.loads(read(status_path) or b"{}").get("direction_angle_degrees", 0) - 48.59) < 0.005,
+             "a record at 48.59 degrees")
+    start = time.monotonic()
+    wait_for(shows("direction: 48.59 degrees"), "48.59 degrees on the screen")
+    print("  view followed the record in %.2f s" % (time.monotonic() - start))
+    check(needle_column(before) < needle_column(screen()), "the needle did not move right")
+    tool.kill()
+    finish(tool)
+    start = time.monotonic()
+    wait_for(shows("STALE"), "the stale banner")
+    print("  stale banner %.1f s after the kill" % (time.monotonic() - start))
+    noise_frames(run, os.path.join(d, "second"), [0])
+    tool = live(paced_device(run, os.path.join(d, "second"), "pacer2"), "second")
+    wait_for(lambda: "STALE" not in screen(), "the banner to go")
+    check("status: running" in screen(), "not running: " + screen())
+    tool.terminate()
+    finish(tool)
+
+
+def monitor_screen(case, run):
+    """The monitor in a terminal of the case's size, on the case's record."""
+    prepare(case, run)
+    screen = terminal(run, [os.path.join(run["build"], "sonderlark-monitor"), "status.json"], *case["size"])
+    wait_for(lambda: all(piece in screen() for piece in case["screen_has"]), "%s on the screen" % case["screen_has"])
+
+
+def monitor_key_ends(case, run):
+    """The key ends the view with status 0 and leaves the terminal's modes as they were."""
+    d = run["dir"]
+    script = ("trap '' INT; stty -g > before; \"$0\" --interval 50 missing.json; echo $? > rc; stty -g > after; "
+              "sleep 60")
+    screen = terminal(run, ["sh", "-c", script, os.path.join(run["build"], "sonderlark-monitor")], 80, 30)
+    wait_for(lambda: "no status file here" in screen(), "the monitor's view")
+    tmux(run, "send-keys", "-t", "0", case["key"])
+    wait_for(lambda: file_text(os.path.join(d, "after")) != "", "the shell after the monitor")
+    check(file_text(os.path.join(d, "rc")) == "0\n", "the monitor ended with " + file_text(os.path.join(d, "rc")))
+    check(file_text(os.path.join(d, "after")) == file_text(os.path.join(d, "before")) != "", "the modes changed")
+
+
+def hostile_text_in_terminal(case, run):
+    """Text from outside as it reaches a real terminal: the monitor and the
+    doctor on records whose every string member (and the timestamp) carries a
+    title change, C1 controls and a right-to-left override, and the doctor on
+    a FIFO read by a process whose name is a title change. The pane's title
+    stays, no escape reaches the screen, each payload shows with '?'."""
+    d = run["dir"]
+    prepare(case, run)
+    hostile_name = os.path.join(d, "\x1b]2;PWNED-comm\x07")
+    shutil.copy("/bin/sleep", hostile_name)
+    holder = spawn(["sh", "-c", 'exec 3<>"$0"; exec "$1" 600', os.path.join(d, "mic.pcm"), hostile_name], None, run,
+                   "holder")
+    wait_for(lambda: file_text("/proc/%d/comm" % holder.pid).startswith("\x1b"), "the holder's name")
+    each = ('for f in any degraded timestamp; do echo "== $f"; "$0" --once $f.json; "$1" --device no_such_device '
+            '--seconds 1 --pcm-output "$2" --event-output $f.json; done; echo END-OF-OUTPUT; exec sleep 600')
+    env = dict(os.environ, XDG_RUNTIME_DIR=d, PULSE_SERVER=os.path.join(d, "no-server"))
+    terminal(run, ["sh", "-c", each, os.path.join(run["build"], "sonderlark-monitor"),
+                   os.path.join(run["build"], "sonderlark-doctor"), os.path.join(d, "mic.pcm")], 250, 200, env)
+    history = lambda: tmux(run, "capture-pane", "-p", "-e", "-S", "-", "-t", "0")
+    wait_for(lambda: "END-OF-OUTPUT" in history(), "the end of the output")
+    screen = history()
+    check("PWNED" not in tmux(run, "display-message", "-p", "-t", "0", "#{pane_title}"), "the title changed")
+    for bad in ("\x1b", "\u009b", "\u009d", "\u202e", "\x07"):
+        check(bad not in screen, "%r reached the screen" % bad)
+    for piece in case["screen_has"]:
+        check(piece in screen, "the screen lacks %r" % piece)
+
+
 SCENARIOS = {"endless_stream": endless_stream, "cut_while_read": cut_while_read, "full_disk": full_disk,
              "command_lines": command_lines, "stand_in": stand_in, "live_finite_run": live_finite_run,
              "live_reader_returns": live_reader_returns, "live_slow_reader": live_slow_reader,
@@ -938,7 +1074,9 @@ SCENARIOS = {"endless_stream": endless_stream, "cut_while_read": cut_while_read,
              "status_never_partial": status_never_partial, "virtual_mic_bit_for_bit": virtual_mic_bit_for_bit,
              "virtual_mic_server_restart": virtual_mic_server_restart, "mic_follows_server": mic_follows_server,
              "mic_makes_its_fifo": mic_makes_its_fifo, "doctor_virtual_mic": doctor_virtual_mic,
-             "doctor_array": doctor_array}
+             "doctor_array": doctor_array, "monitor_follows_live_run": monitor_follows_live_run,
+             "monitor_screen": monitor_screen, "monitor_key_ends": monitor_key_ends,
+             "hostile_text_in_terminal": hostile_text_in_terminal}
 
 
 def main():

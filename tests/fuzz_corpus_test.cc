@@ -95,9 +95,7 @@ TEST(FuzzCorpus, FilesPipesAndBytesReadAlikeAndAsTheGoldenSays) {
     if (streamed != parsed) all += seed.filename().string() + " as a stream: " + streamed + "\n";
     test::wait_child(writer);
   }
-  const std::string golden = test::source_path("tests/golden/corpus.txt");
-  if (std::getenv("SONDERLARK_UPDATE_GOLDEN") != nullptr) test::write_file(golden, all);
-  EXPECT_EQ(all, test::read_file(golden));
+  test::expect_golden("corpus.txt", all);
 }
 
 }  // namespace

@@ -33,7 +33,6 @@ void write_status(const std::string& path, const std::string& status, int64_t ch
                            .processed_channel_rms = {0.5, 0.25}});
 }
 
-// Set SONDERLARK_UPDATE_GOLDEN=1 to rewrite the file after a deliberate change.
 TEST(WriteLiveEventJson, TwentyMembersInOrder) {
   test::TempDir tmp;
   const std::string path = tmp.path("state/deeper/status.json");  // directories made on the first write
@@ -42,9 +41,7 @@ TEST(WriteLiveEventJson, TwentyMembersInOrder) {
   std::string text = test::read_file(path);
   EXPECT_TRUE(std::regex_search(text, stamp)) << text;
   text = std::regex_replace(text, stamp, "\"timestamp\": \"TIMESTAMP\"");
-  const std::string golden = test::source_path("tests/golden/live_status.json");
-  if (std::getenv("SONDERLARK_UPDATE_GOLDEN") != nullptr) test::write_file(golden, text);
-  EXPECT_EQ(text, test::read_file(golden));
+  test::expect_golden("live_status.json", text);
   EXPECT_FALSE(fs::exists(path + ".tmp"));
 }
 

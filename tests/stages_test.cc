@@ -210,13 +210,10 @@ std::vector<Case> cases() {
   return c;
 }
 
-// Set SONDERLARK_UPDATE_GOLDEN=1 to rewrite the file after a deliberate change.
 TEST(Stages, EveryNumberMatchesTheGolden) {
   std::string out;
   for (const auto& [name, run] : cases()) out += "== " + name + "\n" + run();
-  const std::string golden = test::source_path("tests/golden/stages.txt");
-  if (std::getenv("SONDERLARK_UPDATE_GOLDEN") != nullptr) test::write_file(golden, out);
-  EXPECT_EQ(out, test::read_file(golden));
+  test::expect_golden("stages.txt", out);
 }
 
 // The literal mean, index by index, channel by channel.

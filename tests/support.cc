@@ -1,5 +1,7 @@
 #include "support.h"
 
+#include <gtest/gtest.h>
+
 
 #include <fcntl.h>
 #include <signal.h>
@@ -124,6 +126,12 @@ RunResult run(const std::vector<std::string>& argv, const std::map<std::string, 
 
 std::string tool_path() { return SONDERLARK_BIN; }
 std::string source_path(const std::string& relative) { return std::string(SONDERLARK_SOURCE_DIR) + "/" + relative; }
+
+void expect_golden(const std::string& name, const std::string& text) {
+  const std::string path = source_path("tests/golden/" + name);
+  if (std::getenv("SONDERLARK_UPDATE_GOLDEN") != nullptr) write_file(path, text);
+  EXPECT_EQ(text, read_file(path)) << "tests/golden/" << name;
+}
 
 std::vector<double> white_noise(std::size_t n, double amplitude, uint32_t seed) {
   std::mt19937 rng(seed);

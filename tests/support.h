@@ -50,6 +50,10 @@ int wait_child(int pid);
 std::string tool_path();
 std::string source_path(const std::string& relative);
 
+// Holds `text` against tests/golden/NAME; with SONDERLARK_UPDATE_GOLDEN=1
+// set, rewrites the file instead, after a deliberate change.
+void expect_golden(const std::string& name, const std::string& text);
+
 // Seeded white noise, uniform in [-amplitude, amplitude).
 std::vector<double> white_noise(std::size_t n, double amplitude, uint32_t seed);
 

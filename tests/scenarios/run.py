@@ -14,6 +14,7 @@ Every run happens in a folder of its own, removed afterwards; every process
 started is waited for, and ended by PID if it outlives its deadline.
 """
 import array
+import concurrent.futures
 import json
 import os
 import re
@@ -245,15 +246,16 @@ def sanitized(build):
         return "SONDERLARK_SANITIZE:BOOL=ON" in f.read()
 
 
-def run_case(case, build):
+def run_case(case, build, notes):
+    """Runs the case in a folder of its own; what it notes goes to `notes`."""
     with tempfile.TemporaryDirectory(prefix="sonderlark-scenario-", dir="/tmp") as d:
-        run = {"dir": d, "build": build, "children": [], "server": False}
+        run = {"dir": d, "build": build, "children": [], "server": False, "notes": notes}
         try:
             if case.get("needs_root") and os.geteuid() != 0:
-                print("  skipped: needs root")
+                run["notes"].append("skipped: needs root")
                 return
             if case.get("optimised_only") and sanitized(build):
-                print("  skipped: moves gigabytes; runs in the Release build's suite")
+                run["notes"].append("skipped: moves gigabytes; runs in the Release build's suite")
                 return
             if "scenario" in case:
                 SCENARIOS[case["scenario"]](case, run)
@@ -328,7 +330,7 @@ def full_disk(case, run):
     full = os.path.join(run["dir"], "full")
     os.makedirs(full)
     if subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", full]).returncode != 0:
-        print("  skipped: cannot mount a small tmpfs here (needs root)")
+        run["notes"].append("skipped: cannot mount a small tmpfs here (needs root)")
         return
     try:
         env = prepare(case, run)
@@ -600,7 +602,7 @@ def live_planted_pcm(case, run):
     """Another user's FIFO, file or link at the PCM path in a shared sticky
     folder never receives the audio; our own FIFO there does; a device is refused."""
     if os.geteuid() != 0 or shutil.which("setpriv") is None:
-        print("  skipped: planting files as another user needs root and setpriv")
+        run["notes"].append("skipped: planting files as another user needs root and setpriv")
         return
     env = array_device(case, run)
     d = run["dir"]
@@ -685,7 +687,7 @@ def status_never_partial(case, run):
     check(not tool_ended, "the run ended first: %s" % counts)
     check(counts["reads"] >= 20000 and counts["distinct"] >= 2000, "too few reads: %s" % counts)
     check(counts["partial"] == 0 and counts["missing"] == 0, "a reader saw no record or a partial one: %s" % counts)
-    print("  atomicity: %s" % counts)
+    run["notes"].append("atomicity: %s" % counts)
 
 
 # Live mode into the virtual microphone of a real sound server, started by
@@ -800,7 +802,7 @@ def virtual_mic_bit_for_bit(case, run):
     want = array.array("h", beams)
     received, drops, fault = received_in_order(got, want, 1024)
     check(fault == "" and received == len(want), "%d of %d samples in order; %s" % (received, len(want), fault))
-    print("  %s: %d beam samples bit for bit in %d recorded, %d drops" % (case["route"], received, len(got), drops))
+    run["notes"].append("%s: %d beam samples bit for bit in %d recorded, %d drops" % (case["route"], received, len(got), drops))
 
 
 def virtual_mic_server_restart(case, run):
@@ -1004,13 +1006,13 @@ def monitor_follows_live_run(case, run):
              "a record at 48.59 degrees")
     start = time.monotonic()
     wait_for(shows("direction: 48.59 degrees"), "48.59 degrees on the screen")
-    print("  view followed the record in %.2f s" % (time.monotonic() - start))
+    run["notes"].append("view followed the record in %.2f s" % (time.monotonic() - start))
     check(needle_column(before) < needle_column(screen()), "the needle did not move right")
     tool.kill()
     finish(tool)
     start = time.monotonic()
     wait_for(shows("STALE"), "the stale banner")
-    print("  stale banner %.1f s after the kill" % (time.monotonic() - start))
+    run["notes"].append("stale banner %.1f s after the kill" % (time.monotonic() - start))
     noise_frames(run, os.path.join(d, "second"), [0])
     tool = live(paced_device(run, os.path.join(d, "second"), "pacer2"), "second")
     wait_for(lambda: "STALE" not in screen(), "the banner to go")
@@ -1079,20 +1081,30 @@ SCENARIOS = {"endless_stream": endless_stream, "cut_while_read": cut_while_read,
              "hostile_text_in_terminal": hostile_text_in_terminal}
 
 
+def outcome(case, build):
+    """One line for the case, and the notes its run made."""
+    notes = []
+    try:
+        run_case(case, build, notes)
+        line = "ok      %s" % case["name"]
+    except (Failure, OSError, subprocess.SubprocessError, KeyError, ValueError, TypeError) as e:
+        line = "FAILED  %s: %s" % (case["name"], e)
+    return "".join("  %s\n" % note for note in notes) + line
+
+
 def main():
+    """Cases run a few at a time (SONDERLARK_SCENARIO_JOBS, 3 by default):
+    most of their time is spent waiting for real-time devices and servers."""
     build = os.path.abspath(sys.argv[1])
-    failed = 0
+    cases = []
     for case_file in sys.argv[2:]:
         with open(case_file, "rb") as f:
-            cases = tomllib.load(f)["case"]
-        for case in cases:
-            try:
-                run_case(case, build)
-                print("ok      %s" % case["name"])
-            except (Failure, OSError, subprocess.SubprocessError, KeyError, ValueError, TypeError) as e:
-                failed += 1
-                print("FAILED  %s: %s" % (case["name"], e))
-    sys.exit(1 if failed else 0)
+            cases += tomllib.load(f)["case"]
+    jobs = int(os.environ.get("SONDERLARK_SCENARIO_JOBS", "3"))
+    with concurrent.futures.ThreadPoolExecutor(max_workers=jobs) as pool:
+        lines = list(pool.map(lambda case: outcome(case, build), cases))
+    print("\n".join(lines))
+    sys.exit(1 if any(line.startswith("FAILED") for line in "\n".join(lines).splitlines()) else 0)
 
 
 if __name__ == "__main__":

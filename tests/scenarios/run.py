@@ -30,7 +30,7 @@ import wave
 
 TESTS = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 UPDATE = os.environ.get("SONDERLARK_UPDATE_GOLDEN") is not None
-DEADLINE = 120  # seconds: only a hung run is that slow
+DEADLINE = 120  # seconds: only a hung run is that slow (a case may set its own "deadline")
 MASKS = {  # name: (pattern, replacement, must be there); {dir} in a pattern is the run's folder
     "timestamp": (r'"timestamp": "\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}Z"', '"timestamp": "TIMESTAMP"', True),
     "frame_time": (r"at 20[0-9-]{8}T[0-9:]{8}Z", "at TIMESTAMP", False),
@@ -92,7 +92,8 @@ def prepare(case, run):
         os.chown(os.path.join(run["dir"], name), uid, -1)
     for sim in case.get("simulate", []):  # a simulated array recording, made by sonderlark-sim
         argv = [os.path.join(run["build"], "sonderlark-sim"), "--output", os.path.join(run["dir"], sim["output"])]
-        status, _, err = execute(argv + [expand(a, run) for a in sim["args"]], dict(os.environ), run["dir"])
+        status, _, err = execute(argv + [expand(a, run) for a in sim["args"]], dict(os.environ), run["dir"],
+                                 deadline=case.get("deadline", DEADLINE))
         check(status == 0, "sonderlark-sim failed: " + text(err))
     for plant in case.get("plant", []):
         path = os.path.join(run["dir"], plant["path"])
@@ -152,17 +153,17 @@ def command(case, run):
     return argv
 
 
-def execute(argv, env, cwd, stdin=None):
+def execute(argv, env, cwd, stdin=None, deadline=DEADLINE):
     """Runs argv to its end (killed by PID past the deadline), `stdin` its
     input if given: status, stdout, stderr."""
     with subprocess.Popen(argv, env=env, cwd=cwd, stdin=subprocess.DEVNULL if stdin is None else subprocess.PIPE,
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE) as child:
         try:
-            out, err = child.communicate(stdin and stdin.encode(), timeout=DEADLINE)
+            out, err = child.communicate(stdin and stdin.encode(), timeout=deadline)
         except subprocess.TimeoutExpired:
             child.kill()
             child.communicate()
-            raise Failure("still running after %d s: %s" % (DEADLINE, " ".join(argv)))
+            raise Failure("still running after %d s: %s" % (deadline, " ".join(argv)))
         return child.returncode, out, err
 
 
@@ -261,7 +262,7 @@ def run_case(case, build, notes):
                 SCENARIOS[case["scenario"]](case, run)
                 return
             env = prepare(case, run)
-            status, out, err = execute(command(case, run), env, d)
+            status, out, err = execute(command(case, run), env, d, deadline=case.get("deadline", DEADLINE))
             if "stdout_golden" in case:
                 golden(out, case["stdout_golden"], case.get("masks", {}).get("stdout", []), run)
             verify(case, run, status, out, err)

@@ -895,9 +895,10 @@ def doctor_array(case, run):
     with the case's faults; or four taps, one per microphone in turn, the
     user pressing Enter; or silence."""
     d = run["dir"]
-    sim = lambda source, options: execute([os.path.join(run["build"], "sonderlark-sim"), "--input", source,
-                                           "--output", "part.raw", "--raw"] + options, None, d)[0] == 0 and read(
-        os.path.join(d, "part.raw"))
+    def sim(source, options):
+        argv = [os.path.join(run["build"], "sonderlark-sim"), "--input", source, "--output", "part.raw", "--raw"]
+        check(execute(argv + options, None, d)[0] == 0, "sonderlark-sim failed")
+        return read(os.path.join(d, "part.raw"))
     sox = lambda name, synth: check(execute(["sox", "-R", "-n", "-r", "16000", "-b", "16", "-c", "1", name] +
                                             synth.split(), None, d)[0] == 0, "sox failed")
     frames = bytes(64000)

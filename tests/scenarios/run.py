@@ -436,9 +436,16 @@ def finish(child):
 
 
 def wait_for(ready, what):
-    """Polls until ready() holds; only a hung run reaches the deadline."""
+    """Polls until ready() holds; only a hung run reaches the deadline. A
+    file ready() reads that is not there yet (a reader that has not made its
+    output file, on a busy machine) is not ready yet."""
     deadline = time.monotonic() + DEADLINE
-    while not ready():
+    while True:
+        try:
+            if ready():
+                return
+        except FileNotFoundError:
+            pass
         check(time.monotonic() < deadline, "waited %d s for %s" % (DEADLINE, what))
         time.sleep(0.01)
 
@@ -1004,7 +1011,7 @@ def monitor_follows_live_run(case, run):
     wait_for(shows("direction: -30.00 degrees"), "-30 degrees on the screen")
     before = screen()
     check(all("ch%d " % c in before for c in range(4)) and "ch4 " not in before, "the four channels: " + before)
-    wait_for(lambda: abs(json.loads(read(status_path) or b"{}").get("direction_angle_degrees", 0) - 48.59) < 0.005,
+    wait_for(lambda: abs(json.loads(read(status_path)).get("direction_angle_degrees", 0) - 48.59) < 0.005,
              "a record at 48.59 degrees")
     start = time.monotonic()
     wait_for(shows("direction: 48.59 degrees"), "48.59 degrees on the screen")

@@ -499,7 +499,7 @@ def chunks_now(run):
 
 def library_beams(run, chunks):
     """What live mode must stream for the device's frames: chunk by chunk, computed with the library."""
-    argv = [os.environ["SONDERLARK_LIVE_BEAMS"], os.path.join(run["dir"], "frames.raw"), str(chunks)]
+    argv = [os.path.join(run["build"], "tests", "live_beams"), os.path.join(run["dir"], "frames.raw"), str(chunks)]
     child = subprocess.run(argv, stdout=subprocess.PIPE, check=True, timeout=DEADLINE)
     return child.stdout
 

@@ -411,8 +411,8 @@ def stand_in(case, run):
     check(set(record("zombies").split()) <= {b"0"}, "a zombie child at a start")
     stamps = [json.loads(record("snapshot.%d" % n))["timestamp"] for n in range(2, case["starts"] + 1)]
     seconds = [time.mktime(time.strptime(t, "%Y-%m-%dT%H:%M:%SZ")) for t in stamps]
-    for a, b in zip(seconds, seconds[1:]):  # the 2 s pause by the tool's own clock; room for a slow machine
-        check(2 <= b - a <= 20, "restarts %d s apart" % (b - a))
+    for a, b in zip(seconds, seconds[1:]):  # the 2 s pause by the tool's own clock; room for a busy machine
+        check(2 <= b - a <= 60, "restarts %d s apart" % (b - a))
 
 
 # Live mode on the real arecord, reading a file-backed ALSA device.

@@ -1102,14 +1102,17 @@ def outcome(case, build):
 
 
 def main():
-    """Cases run a few at a time (SONDERLARK_SCENARIO_JOBS, 3 by default):
-    most of their time is spent waiting for real-time devices and servers."""
+    """Cases run a few at a time (SONDERLARK_SCENARIO_JOBS, 3 by default, or
+    fewer where a case file says "jobs"): most of their time is spent waiting
+    for real-time devices."""
     build = os.path.abspath(sys.argv[1])
     cases = []
+    jobs = int(os.environ.get("SONDERLARK_SCENARIO_JOBS", "3"))
     for case_file in sys.argv[2:]:
         with open(case_file, "rb") as f:
-            cases += tomllib.load(f)["case"]
-    jobs = int(os.environ.get("SONDERLARK_SCENARIO_JOBS", "3"))
+            data = tomllib.load(f)
+        cases += data["case"]
+        jobs = min(jobs, data.get("jobs", jobs))  # a file whose cases must not run together says so
     with concurrent.futures.ThreadPoolExecutor(max_workers=jobs) as pool:
         lines = list(pool.map(lambda case: outcome(case, build), cases))
     print("\n".join(lines))

@@ -745,9 +745,9 @@ def start_recorder(case, run, env, wav):
     link to it: pw-record then ends at once ("no node available") and is
     started again. Both recorders stop on SIGINT with what they got written."""
     argv = (["parecord", "-d", "sonderlark_mic", "--rate=16000", "--channels=1", "--format=s16le",
-             "--latency-msec=20", "--file-format=wav", wav] if case["route"] == "pulseaudio" else
+             "--latency-msec=500", "--file-format=wav", wav] if case["route"] == "pulseaudio" else
             ["pw-record", "--target", "sonderlark_mic", "--rate", "16000", "--channels", "1", "--format", "s16",
-             "--latency", "16ms", wav])
+             "--latency", "500ms", wav])
     for _ in range(20):
         recorder = spawn(argv, env, run, "recorder")
         streams = lambda: text(execute(["pactl", "list", "short", "source-outputs"], env, run["dir"])[1]).strip()

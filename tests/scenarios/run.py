@@ -269,7 +269,12 @@ def run_case(case, build, notes):
         finally:
             if run["server"]:  # a sound server the scenario started
                 stop_server(run)
-            if run.get("tmux"):
+            if run.get("tmux"):  # what runs in its panes first: a hung program may not heed the hangup
+                for pid in tmux(run, "list-panes", "-a", "-F", "#{pane_pid}").split():
+                    try:
+                        os.kill(int(pid), signal.SIGKILL)
+                    except ProcessLookupError:  # ended meanwhile
+                        pass
                 tmux(run, "kill-server")
             for child in run["children"]:  # what the scenario started and left running
                 if child.poll() is None:

@@ -68,6 +68,8 @@ TEST(DoctorSetUp, FindsTheVirtualMicrophoneTheUserSetUp) {
       {"none set up", {}, "", true, "", "", "skipped", "one-shot use needs none"},
       {"no server, none set up", {}, "", false, "", "", "skipped", "no sound server answers pactl: one-shot"},
       {"no server, one asked for", wanted, "", false, "", runtime, "problem", "start a sound server"},
+      {"no server, the live run's path", {}, "/srv/live.pcm", false, "", "/srv/live.pcm", "problem",
+       "no sound server answers pactl, so nothing reads /srv/live.pcm"},
       {"read by sonderlark-mic", {}, "/srv/live.pcm", true, "", "/srv/live.pcm", "ok",
        "/srv/live.pcm feeds sonderlark-mic (process 4242), the low-latency PipeWire source", {"4242 (sonderlark-mic)"}},
   };

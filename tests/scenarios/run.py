@@ -91,10 +91,8 @@ def prepare(case, run):
     for name, uid in case.get("owners", {}).items():
         os.chown(os.path.join(run["dir"], name), uid, -1)
     for sim in case.get("simulate", []):  # a simulated array recording, made by sonderlark-sim
-        argv = [os.path.join(run["build"], "sonderlark-sim"), "--output", os.path.join(run["dir"], sim["output"])]
-        status, _, err = execute(argv + [expand(a, run) for a in sim["args"]], dict(os.environ), run["dir"],
-                                 deadline=case.get("deadline", DEADLINE))
-        check(status == 0, "sonderlark-sim failed: " + text(err))
+        simulate(run, ["--output", sim["output"]] + [expand(a, run) for a in sim["args"]],
+                 deadline=case.get("deadline", DEADLINE))
     for plant in case.get("plant", []):
         path = os.path.join(run["dir"], plant["path"])
         if plant["kind"] == "fifo":
@@ -115,6 +113,13 @@ def prepare(case, run):
     for name in case.get("env_unset", []):
         env.pop(name, None)
     return env
+
+
+def simulate(run, args, folder=None, deadline=DEADLINE):
+    """Runs sonderlark-sim with `args` in `folder` (the run's by default); its failure fails the case."""
+    argv = [os.path.join(run["build"], "sonderlark-sim")] + args
+    status, _, err = execute(argv, None, folder or run["dir"], deadline=deadline)
+    check(status == 0, "sonderlark-sim failed: " + text(err))
 
 
 def file_device(folder, infile):
@@ -388,9 +393,8 @@ def stand_in(case, run):
     for key, value in case["plan"].items():
         if key in ("FRAMES", "FIRST_FRAMES"):  # a count of chunks of the simulated array, and 3 samples more
             if frames is None:
-                sim = [os.path.join(run["build"], "sonderlark-sim"), "--input", os.path.join(TESTS, "golden/noise_lag5.wav"),
-                       "--lag", "2", "--repeat", "6", "--raw", "--output", os.path.join(d, "array.raw")]
-                check(execute(sim, env, d)[0] == 0, "sonderlark-sim failed")
+                simulate(run, ["--input", os.path.join(TESTS, "golden/noise_lag5.wav"), "--lag", "2", "--repeat", "6",
+                               "--raw", "--output", "array.raw"])
                 frames = read(os.path.join(d, "array.raw"))
             write(os.path.join(d, key), frames[:value * 1024 * 16] + bytes(12))
             env[key] = os.path.join(d, key)
@@ -470,9 +474,8 @@ def array_device(case, run):
     if case.get("speech"):
         speech_frames(run)
     else:
-        sim = [os.path.join(run["build"], "sonderlark-sim"), "--input", os.path.join(TESTS, "golden/noise_lag5.wav"),
-               "--lag", "4", "--repeat", str(case["repeat"]), "--raw", "--output", frames]
-        check(execute(sim, dict(os.environ), d)[0] == 0, "sonderlark-sim failed")
+        simulate(run, ["--input", os.path.join(TESTS, "golden/noise_lag5.wav"), "--lag", "4", "--repeat",
+                       str(case["repeat"]), "--raw", "--output", frames])
     if not case.get("paced"):
         return prepare(dict(case, device_file="frames.raw"), run)
     env = prepare(case, run)
@@ -908,8 +911,7 @@ def doctor_array(case, run):
     user pressing Enter; or silence."""
     d = run["dir"]
     def sim(source, options):
-        argv = [os.path.join(run["build"], "sonderlark-sim"), "--input", source, "--output", "part.raw", "--raw"]
-        check(execute(argv + options, None, d)[0] == 0, "sonderlark-sim failed")
+        simulate(run, ["--input", source, "--output", "part.raw", "--raw"] + options)
         return read(os.path.join(d, "part.raw"))
     sox = lambda name, synth: check(execute(["sox", "-R", "-n", "-r", "16000", "-b", "16", "-c", "1", name] +
                                             synth.split(), None, d)[0] == 0, "sox failed")
@@ -989,9 +991,7 @@ def noise_frames(run, folder, angles):
                    "0.3"], None, folder)[0] == 0, "sox failed")
     frames = b""
     for angle in angles:
-        argv = [os.path.join(run["build"], "sonderlark-sim"), "--input", "noise.wav", "--output", "part.raw", "--raw",
-                "--angle", str(angle)]
-        check(execute(argv, None, folder)[0] == 0, "sonderlark-sim failed")
+        simulate(run, ["--input", "noise.wav", "--output", "part.raw", "--raw", "--angle", str(angle)], folder)
         frames += read(os.path.join(folder, "part.raw"))
     write(os.path.join(folder, "frames.raw"), frames)
 

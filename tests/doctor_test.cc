@@ -8,6 +8,8 @@
 #include "doctor/doctor.h"
 #include "doctor/probes.h"
 #include "support.h"
+#include "util/process.h"
+#include "util/text.h"
 
 namespace sonderlark {
 namespace {
@@ -18,8 +20,7 @@ namespace {
 TEST(DoctorDevice, BusyDeviceNamesItsHolders) {
   test::TempDir tmp;
   test::write_file(tmp.path("pcmC7D0c"), "");
-  const int holder = test::spawn({"sh", "-c", "exec sleep 30 < \"$0\"", tmp.path("pcmC7D0c")}, {}, tmp.path("h.out"),
-                                 tmp.path("h.err"));
+  const pid_t holder = spawn_shell("exec sleep 30 < " + shell_quote(tmp.path("pcmC7D0c")));
   // The shell opens the file before it becomes sleep: wait for the name too.
   const std::vector<std::string> expected{std::to_string(holder) + " (sleep)"};
   std::vector<std::string> holders;
@@ -29,7 +30,7 @@ TEST(DoctorDevice, BusyDeviceNamesItsHolders) {
   }
   EXPECT_EQ(holders, expected);
   kill(holder, SIGTERM);
-  test::wait_child(holder);
+  wait_child(holder);
   EXPECT_NE(device_check("hw:7,0", 1, "Device or resource busy", holders).details[0].find("held by "),
             std::string::npos);
 }

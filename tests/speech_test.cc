@@ -7,19 +7,19 @@
 #include "dsp/beam.h"
 #include "dsp/direction.h"
 #include "support.h"
+#include "util/process.h"
+#include "util/text.h"
 
 namespace sonderlark {
 namespace {
 
 // Speech from espeak-ng, resampled to 16 kHz mono by sox.
 std::vector<double> render_speech(const test::TempDir& tmp) {
-  const test::RunResult say = test::run(
-      {"espeak-ng", "-w", tmp.path("say.wav"),
-       "The quick brown fox jumps over the lazy dog, and the array hears it from one side."});
-  EXPECT_EQ(say.exit_code, 0) << say.err;
-  const test::RunResult sox =
-      test::run({"sox", tmp.path("say.wav"), "-r", "16000", "-b", "16", "-c", "1", tmp.path("speech.wav"), "gain", "-6"});
-  EXPECT_EQ(sox.exit_code, 0) << sox.err;
+  const CommandResult made = run_command(
+      "espeak-ng -w " + shell_quote(tmp.path("say.wav")) +
+      " 'The quick brown fox jumps over the lazy dog, and the array hears it from one side.' && sox " +
+      shell_quote(tmp.path("say.wav")) + " -r 16000 -b 16 -c 1 " + shell_quote(tmp.path("speech.wav")) + " gain -6");
+  EXPECT_EQ(made.exit_code, 0) << made.output;
   return read_wav(tmp.path("speech.wav")).samples[0];
 }
 

@@ -1,7 +1,9 @@
-// Every number the processing stages give for a table of hand-picked inputs,
-// written out in full and held against tests/golden/stages.txt. The inputs
-// sit on the rules' edges: thresholds, block counts, the 16-pair minimum,
-// ties, silence, clipping, lags -8..8, too few or empty channels.
+// The processing stages on a table of hand-picked inputs, every number
+// written out in full and held against tests/golden/stages.txt; then the
+// streamed one-shot analysis (the block path) against the whole-record calls
+// on a table of recordings, which must give the same bits. The inputs sit on
+// the rules' edges: thresholds, block counts, the 16-pair minimum, ties,
+// silence, clipping, lags -8..8, channel counts, stream blocks and parts.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -218,7 +220,7 @@ TEST(Stages, EveryNumberMatchesTheGolden) {
 
 // The literal mean, index by index, channel by channel.
 std::vector<double> literal_beam(const Channels& ch, const std::vector<int32_t>& lags) {
-  const int64_t n = static_cast<int64_t>(ch[0].size());
+  const int64_t n = ch.empty() ? 0 : static_cast<int64_t>(ch[0].size());
   std::vector<double> out;
   for (int64_t i = 0; i < n; ++i) {
     double sum = 0.0;
@@ -235,38 +237,144 @@ std::vector<double> literal_beam(const Channels& ch, const std::vector<int32_t>&
   return out;
 }
 
-// The analysis hands the estimate's own channel 0 / 3 search to the beam;
-// that must give the beam that searching again gives, and the literal mean.
-TEST(Stages, TheEstimatesOwnSearchGivesTheSameBeam) {
-  const std::vector<double> x = test::white_noise(1500, 0.5, 7), y = test::white_noise(1500, 0.5, 8);
-  const std::vector<double> z = test::white_noise(1500, 0.5, 9), w = test::white_noise(1500, 0.5, 10);
-  const std::vector<double> silent(1500, 0.0);
-  const auto head = [](const std::vector<double>& v) { return std::vector<double>(v.begin(), v.begin() + 10); };
-  const std::vector<Channels> inputs = {
-      {x, test::shifted(x, 1), test::shifted(x, 2), test::shifted(x, 3)},  // confident: guided
-      {x, y, z, test::shifted(x, -6)},                                     // weak: channel 3 found at -6
-      {x, y, z, w},
-      {silent, silent, silent, silent},
-      {head(x), head(y), head(z), head(w)},
-      {x, y, z, test::shifted(x, 4), w},
-      {x, y, test::shifted(x, 2)},  // three channels: no estimate, channel 2 searched
-      {{}, {}, {}, {}},             // no frames: no estimate
-  };
-  for (std::size_t k = 0; k < inputs.size(); ++k) {
-    SCOPED_TRACE(k);
-    const WavData data = record(inputs[k]);
-    const BeamformResult expected = beamform_delay_and_sum(data, estimate_direction(data, "processed"));
-    std::vector<double> beam;
-    BeamformResult got =
-        analyse_recording(frames_of(data), 0.0, [&beam](const double* s, std::size_t n) { beam.insert(beam.end(), s, s + n); },
-                          {}, 7)
-            .beam;
-    got.samples = beam;
-    EXPECT_EQ(dump(got), dump(expected));
-    if (k == 1) {
-      EXPECT_EQ(got.lags[3], -6);
+enum class Signal { kSource, kIndependent, kSilence, kLoud };
+
+struct Recording {
+  const char* name;
+  int channels;
+  std::size_t frames;
+  Signal signal;
+  double gain_db = 0.0;
+  std::size_t block = kRecordingBlockFrames;  // frames per streamed block
+  uint32_t rate = 16000;
+  uint32_t bits = 32;
+};
+
+Channels make_channels(const Recording& r) {
+  Channels channels;
+  const std::vector<double> source = test::white_noise(r.frames, 0.3, 11);
+  for (int k = 0; k < r.channels; ++k) {
+    if (r.signal == Signal::kSource) {  // 6 samples apart end to end, and some noise of each channel's own
+      std::vector<double> x = test::shifted(source, r.channels > 1 ? static_cast<int>(std::lround(6.0 * k / (r.channels - 1))) : 0);
+      const std::vector<double> own = test::white_noise(r.frames, 0.01, 100 + k);
+      for (std::size_t i = 0; i < x.size(); ++i) x[i] += own[i];
+      channels.push_back(x);
+    } else {
+      channels.push_back(r.signal == Signal::kSilence ? std::vector<double>(r.frames, 0.0)
+                         : r.signal == Signal::kLoud  ? test::white_noise(r.frames, 0.95, 300 + k)
+                                                      : test::white_noise(r.frames, 0.2, 200 + k));
     }
-    EXPECT_EQ(got.samples, literal_beam(inputs[k], got.lags));
+  }
+  return channels;
+}
+
+// Everything a one-shot run reports, the beam's samples included.
+std::string report(const ChannelDiagnostics& raw, const std::vector<std::string>& gain_warnings,
+                   const ChannelDiagnostics& processed, const DirectionEstimate& direction, const BeamformResult& beam,
+                   const ChannelDiagnostics& beamformed) {
+  std::string out = "raw " + dump(raw);
+  for (const std::string& w : gain_warnings) out += "gain warning: " + w + "\n";
+  return out + "processed " + dump(processed) + dump(direction) + dump(beam) + "beamformed " + dump(beamformed);
+}
+
+// The whole-record calls, in the live loop's order; the beam is also held
+// against the literal mean of the processed channels.
+std::string whole_record(const std::string& path, double gain_db) {
+  const WavData input = read_wav(path);
+  std::vector<std::string> gain_warnings;
+  const WavData processed = apply_input_gain(input, gain_db, gain_warnings);
+  const DirectionEstimate direction = estimate_direction(processed, "processed");
+  const BeamformResult beam = beamform_delay_and_sum(processed, direction);
+  EXPECT_EQ(beam.samples, literal_beam(processed.samples, beam.lags));
+  return report(diagnose_channels(input, "raw channel"), gain_warnings, diagnose_channels(processed, "processed channel"),
+                direction, beam, diagnose_channels(record({beam.samples}, input.sample_rate, 16), "beamformed channel"));
+}
+
+// The block path: the estimate hands its own channel 0 / 3 search to the beam.
+std::string streamed(const std::vector<std::string>& paths, double gain_db, std::size_t block) {
+  std::vector<double> beam;
+  RecordingAnalysis a = analyse_recording(
+      frames_of(open_wav_source(paths)), gain_db,
+      [&beam](const double* s, std::size_t n) { beam.insert(beam.end(), s, s + n); }, {}, block);
+  a.beam.samples = beam;
+  return report(a.raw, a.gain_warnings, a.processed, a.direction, a.beam, a.beamformed);
+}
+
+class Streamed : public ::testing::TestWithParam<Recording> {};
+
+TEST_P(Streamed, SameBitsAsTheWholeRecordCalls) {
+  const Recording& r = GetParam();
+  test::TempDir tmp;
+  const Channels channels = make_channels(r);
+  test::write_file(tmp.path("whole.wav"), test::pcm_wav(channels, r.rate, r.bits));
+  const std::string expected = whole_record(tmp.path("whole.wav"), r.gain_db);
+  EXPECT_EQ(streamed({tmp.path("whole.wav")}, r.gain_db, r.block), expected);
+
+  // The same recording in three parts, cut at a third and at the last frame
+  // (parts may be empty), reads as one.
+  std::vector<std::string> parts;
+  const std::size_t cuts[] = {0, r.frames / 3, r.frames > 0 ? r.frames - 1 : 0, r.frames};
+  for (int p = 0; p < 3; ++p) {
+    Channels part;
+    for (const auto& channel : channels) part.emplace_back(channel.begin() + cuts[p], channel.begin() + cuts[p + 1]);
+    parts.push_back(tmp.path("part-0" + std::to_string(p + 1) + ".wav"));
+    test::write_file(parts.back(), test::pcm_wav(part, r.rate, r.bits));
+  }
+  EXPECT_EQ(streamed(parts, r.gain_db, r.block), expected) << "in parts";
+}
+
+// The guided beam needs 4+ channels and a confident estimate; everything
+// else takes the fallback, with searches of its own for each channel.
+const Recording kRecordings[] = {
+    {"one_channel", 1, 1000, Signal::kIndependent},
+    {"two_channels", 2, 1000, Signal::kSource},
+    {"three_channels", 3, 1000, Signal::kSource},
+    {"four_guided", 4, 5000, Signal::kSource},
+    {"four_fallback", 4, 5000, Signal::kIndependent},
+    {"five_guided", 5, 4000, Signal::kSource},
+    {"six_fallback", 6, 3000, Signal::kIndependent},
+    {"seven_guided", 7, 3000, Signal::kSource},
+    {"eight_guided", 8, 3000, Signal::kSource},
+    {"eight_fallback", 8, 3000, Signal::kIndependent},
+    {"empty", 4, 0, Signal::kSource},
+    {"one_frame", 4, 1, Signal::kSource},
+    {"fifteen_pairs", 4, 15, Signal::kSource},
+    {"sixteen_pairs", 4, 16, Signal::kSource},
+    {"seventeen_pairs", 4, 17, Signal::kSource},
+    {"lag8_has_sixteen", 4, 24, Signal::kSource},
+    {"lag8_has_seventeen", 4, 25, Signal::kSource},
+    {"short_of_a_noise_block", 4, 319, Signal::kSource},
+    {"one_noise_block", 4, 320, Signal::kSource},
+    {"one_block_and_one", 4, 321, Signal::kSource},
+    {"nineteen_blocks", 4, 19 * 320 + 5, Signal::kSource},
+    {"twenty_blocks", 4, 20 * 320, Signal::kSource},
+    {"stream_block_less_one", 4, 63, Signal::kSource, 0.0, 64},
+    {"stream_block", 4, 64, Signal::kSource, 0.0, 64},
+    {"stream_block_and_one", 4, 65, Signal::kSource, 0.0, 64},
+    {"blocks_smaller_than_the_lag", 4, 700, Signal::kSource, 0.0, 3},
+    {"block_of_one_frame", 5, 200, Signal::kIndependent, 0.0, 1},
+    {"default_block_and_eight", 4, kRecordingBlockFrames + 8, Signal::kSource},
+    {"silence", 4, 2000, Signal::kSilence},
+    {"clipping_with_gain", 4, 3000, Signal::kLoud, 12.0},
+    {"gain_down", 4, 3000, Signal::kSource, -20.0, 100},
+    {"sixteen_bit", 4, 2000, Signal::kSource, 6.0, 257, 16000, 16},
+    {"rate_of_a_one_sample_block", 4, 500, Signal::kSource, 0.0, 77, 50},
+    {"rate_with_blocks_longer_than_the_recording", 4, 500, Signal::kSource, 0.0, 16384, 48000},
+};
+
+INSTANTIATE_TEST_SUITE_P(Recordings, Streamed, ::testing::ValuesIn(kRecordings),
+                         [](const ::testing::TestParamInfo<Recording>& info) { return std::string(info.param.name); });
+
+TEST(StreamedParts, APartOfAnotherFormatIsNamed) {
+  test::TempDir tmp;
+  test::write_file(tmp.path("a-01.wav"), test::pcm_wav(test::array_noise(3, 500, 0.3, 5)));
+  test::write_file(tmp.path("a-02.wav"), test::pcm_wav(test::array_noise(3, 500, 0.3, 5), 48000));
+  try {
+    open_wav_source({tmp.path("a-01.wav"), tmp.path("a-02.wav")});
+    FAIL() << "parts of two rates were accepted";
+  } catch (const std::runtime_error& e) {
+    EXPECT_EQ(std::string(e.what()),
+              "split capture part " + tmp.path("a-02.wav") + " differs in format from " + tmp.path("a-01.wav"));
   }
 }
 

@@ -2,14 +2,6 @@
 
 #include <gtest/gtest.h>
 
-
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -17,8 +9,6 @@
 #include <iterator>
 #include <random>
 #include <stdexcept>
-
-extern char** environ;
 
 namespace sonderlark::test {
 
@@ -43,88 +33,6 @@ void write_file(const std::string& path, const std::string& bytes) {
   out << bytes;
 }
 
-namespace {
-
-std::vector<std::string> child_environment(const std::map<std::string, std::optional<std::string>>& env) {
-  std::map<std::string, std::string> merged;
-  for (char** e = environ; *e != nullptr; ++e) {
-    const std::string entry = *e;
-    const std::size_t eq = entry.find('=');
-    if (eq != std::string::npos) merged[entry.substr(0, eq)] = entry.substr(eq + 1);
-  }
-  for (const auto& [key, value] : env) {
-    if (value) {
-      merged[key] = *value;
-    } else {
-      merged.erase(key);
-    }
-  }
-  std::vector<std::string> out;
-  for (const auto& [key, value] : merged) out.push_back(key + "=" + value);
-  return out;
-}
-
-int decode(int status) {
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-  return -1;
-}
-
-}  // namespace
-
-int spawn(const std::vector<std::string>& argv, const std::map<std::string, std::optional<std::string>>& env,
-          const std::string& out_path, const std::string& err_path, const std::string& cwd) {
-  const std::vector<std::string> envs = child_environment(env);
-  std::vector<char*> c_argv;
-  for (const auto& a : argv) c_argv.push_back(const_cast<char*>(a.c_str()));
-  c_argv.push_back(nullptr);
-  std::vector<char*> c_env;
-  for (const auto& e : envs) c_env.push_back(const_cast<char*>(e.c_str()));
-  c_env.push_back(nullptr);
-
-  const pid_t parent = getpid();
-  const pid_t pid = fork();
-  if (pid < 0) throw std::runtime_error("fork failed");
-  if (pid == 0) {
-    // A test that dies (a timeout, a crash) takes its children with it.
-    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) _exit(126);
-    const int in = open("/dev/null", O_RDONLY);
-    const int out = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const int err = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (in < 0 || out < 0 || err < 0) _exit(126);
-    dup2(in, 0);
-    dup2(out, 1);
-    dup2(err, 2);
-    close_range(3, ~0u, 0);  // the child starts with the standard streams only
-    if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
-    environ = c_env.data();
-    execvp(c_argv[0], c_argv.data());
-    _exit(127);
-  }
-  return pid;
-}
-
-int wait_child(int pid) {
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) return -1;
-  }
-  return decode(status);
-}
-
-RunResult run(const std::vector<std::string>& argv, const std::map<std::string, std::optional<std::string>>& env,
-              const std::string& cwd) {
-  TempDir io;
-  const std::string out = io.path("stdout");
-  const std::string err = io.path("stderr");
-  RunResult result;
-  result.exit_code = wait_child(spawn(argv, env, out, err, cwd));
-  result.out = read_file(out);
-  result.err = read_file(err);
-  return result;
-}
-
-std::string tool_path() { return SONDERLARK_BIN; }
 std::string source_path(const std::string& relative) { return std::string(SONDERLARK_SOURCE_DIR) + "/" + relative; }
 
 void expect_golden(const std::string& name, const std::string& text) {

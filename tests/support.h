@@ -2,9 +2,6 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <initializer_list>
-#include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,29 +22,7 @@ struct TempDir {
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& bytes);
 
-// A finished child process.
-struct RunResult {
-  int exit_code = -1;  // exit code, or 128 + signal
-  std::string out;
-  std::string err;
-};
-
-// Runs argv[0] (searched on PATH) with the environment changed by `env`
-// (an empty optional value unsets the variable), in `cwd` when not empty,
-// and waits for it.
-RunResult run(const std::vector<std::string>& argv,
-              const std::map<std::string, std::optional<std::string>>& env = {},
-              const std::string& cwd = "");
-
-// Starts a child in the background; its stdout/stderr go to the given files.
-int spawn(const std::vector<std::string>& argv,
-          const std::map<std::string, std::optional<std::string>>& env, const std::string& out_path,
-          const std::string& err_path, const std::string& cwd = "");
-// Waits for a child started by spawn; returns exit code or 128 + signal.
-int wait_child(int pid);
-
-// Paths of the built programs and of the source tree.
-std::string tool_path();
+// A path of the source tree.
 std::string source_path(const std::string& relative);
 
 // Holds `text` against tests/golden/NAME; with SONDERLARK_UPDATE_GOLDEN=1

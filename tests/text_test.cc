@@ -14,6 +14,7 @@
 #include "report/json.h"
 #include "support.h"
 #include "util/logger.h"
+#include "util/process.h"
 #include "util/text.h"
 
 namespace sonderlark {
@@ -21,7 +22,7 @@ namespace {
 
 TEST(ShellQuote, TheShellGetsBackTheSameText) {
   for (const std::string text : {"a'b \"c\" $(echo x) `id` \\n\n;|&*? ''", "", "\xC3\xA9'"}) {
-    EXPECT_EQ(test::run({"sh", "-c", "printf '%s' " + shell_quote(text)}).out, text);
+    EXPECT_EQ(run_command("printf '%s' " + shell_quote(text)).output, text);
   }
 }
 

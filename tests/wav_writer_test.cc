@@ -6,6 +6,8 @@
 
 #include "audio/wav.h"
 #include "support.h"
+#include "util/process.h"
+#include "util/text.h"
 
 namespace sonderlark {
 namespace {
@@ -49,12 +51,12 @@ TEST(WriteMonoWav, EmptyFileAndPythonsReader) {
   write_mono_wav(tmp.path("e.wav"), 48000, {});
   EXPECT_EQ(test::read_file(tmp.path("e.wav")), test::pcm_wav({{}}, 48000, 16));
   write_mono_wav(tmp.path("r.wav"), 22050, std::vector<double>(1001, 0.25));
-  const test::RunResult py = test::run(
-      {"python3", "-c",
-       "import sys, wave\nw = wave.open(sys.argv[1])\n"
-       "print(w.getnchannels(), w.getsampwidth() * 8, w.getframerate(), w.getnframes(), w.readframes(1).hex())",
-       tmp.path("r.wav")});
-  EXPECT_EQ(py.out, "1 16 22050 1001 0020\n") << py.err;
+  EXPECT_EQ(run_command("python3 -c " +
+                        shell_quote("import sys, wave\nw = wave.open(sys.argv[1])\nprint(w.getnchannels(), "
+                                    "w.getsampwidth() * 8, w.getframerate(), w.getnframes(), w.readframes(1).hex())") +
+                        " " + shell_quote(tmp.path("r.wav")))
+                .output,
+            "1 16 22050 1001 0020\n");
 }
 
 }  // namespace

@@ -106,7 +106,7 @@ def main():
         fifo = os.path.join(work, "paced")
         os.mkfifo(fifo)
         asoundrc(env["XDG_CONFIG_HOME"], fifo)
-        pacer = subprocess.Popen([sys.executable, os.path.join(HERE, "..", "tests", "pace_frames.py"), raw, fifo])
+        pacer = subprocess.Popen([os.path.join(HERE, "..", "scripts", "try-live"), "pace", raw, fifo, "--once"])
         paced = 30
         chunks, cpu, share = run_tool(build, env, os.path.join(work, "status.json"), paced)
         pacer.send_signal(signal.SIGTERM)

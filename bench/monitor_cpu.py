@@ -3,7 +3,7 @@
 
 Usage: monitor_cpu.py BUILD_DIR [SECONDS]
 Runs a paced live run (the real arecord on an ALSA file device fed at real
-time by tests/pace_frames.py, a simulated source at 30 degrees) and the
+time by scripts/try-live pace, a simulated source at 30 degrees) and the
 monitor at its default interval inside a private tmux server for SECONDS
 (default 30), then prints the monitor's CPU time over that span as a share
 of one core (from /proc/PID/stat), and the last screen.
@@ -41,8 +41,8 @@ def main():
         with open(f"{tmp}/config/alsa/asoundrc", "w") as f:
             f.write('pcm.sonderlark_array {\n type file\n slave.pcm "null"\n file "/dev/null"\n'
                     f' infile "{tmp}/infile"\n format "raw"\n}}\n')
-        procs.append(subprocess.Popen([sys.executable, os.path.join(HERE, "..", "tests", "pace_frames.py"),
-                                       f"{tmp}/frames.raw", f"{tmp}/infile"]))
+        procs.append(subprocess.Popen([os.path.join(HERE, "..", "scripts", "try-live"), "pace", f"{tmp}/frames.raw",
+                                       f"{tmp}/infile", "--once"]))
         env = dict(os.environ, XDG_CONFIG_HOME=f"{tmp}/config")
         env.setdefault("XDG_RUNTIME_DIR", f"{tmp}/config")  # else ALSA's PulseAudio plugin leaves /tmp/pulse-*
         status = f"{tmp}/state/status.json"

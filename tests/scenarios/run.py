@@ -139,8 +139,8 @@ def paced_device(run, folder, name="pacer"):
     frames into a FIFO and silence after them, so that a run reads the same
     frames at any build's speed. One device serves one capture."""
     os.mkfifo(os.path.join(folder, "infile"), 0o600)
-    spawn([sys.executable, os.path.join(TESTS, "pace_frames.py"), os.path.join(folder, "frames.raw"),
-           os.path.join(folder, "infile")], None, run, name)
+    spawn([os.path.join(os.path.dirname(TESTS), "scripts", "try-live"), "pace", os.path.join(folder, "frames.raw"),
+           os.path.join(folder, "infile"), "--once"], None, run, name)
     return file_device(folder, os.path.join(folder, "infile"))
 
 

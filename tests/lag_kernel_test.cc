@@ -102,14 +102,13 @@ TEST(LagKernels, EveryKernelMatchesTheReferenceBitExactness) {
             // And fed in blocks.
             std::vector<double> blocked(expected.size(), -7.0);
             block_scores(kernel, a, b, max_lag, 1 + seed % 37, blocked.data());
+            const auto where = [&](std::size_t k) {  // formed only for a failure
+              return "kernel " + std::to_string(static_cast<int>(kernel)) + " seed " + std::to_string(seed) +
+                     " max_lag " + std::to_string(max_lag) + " lag index " + std::to_string(k);
+            };
             for (std::size_t k = 0; k < got.size(); ++k) {
-              ASSERT_EQ(std::bit_cast<uint64_t>(got[k]), std::bit_cast<uint64_t>(expected[k]))
-                  << "kernel " << static_cast<int>(kernel) << " max_lag " << max_lag << " n " << na << "+" << extra
-                  << " style " << style << " lag " << static_cast<int>(k) - max_lag << " seed " << seed;
-              ASSERT_EQ(std::bit_cast<uint64_t>(blocked[k]), std::bit_cast<uint64_t>(expected[k]))
-                  << "in blocks of " << 1 + seed % 37 << ", kernel " << static_cast<int>(kernel) << " max_lag "
-                  << max_lag << " n " << na << "+" << extra << " style " << style << " lag "
-                  << static_cast<int>(k) - max_lag;
+              ASSERT_EQ(std::bit_cast<uint64_t>(got[k]), std::bit_cast<uint64_t>(expected[k])) << where(k);
+              ASSERT_EQ(std::bit_cast<uint64_t>(blocked[k]), std::bit_cast<uint64_t>(expected[k])) << where(k) << " in blocks";
             }
           }
           ++cases;

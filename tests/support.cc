@@ -1,5 +1,7 @@
 #include "support.h"
 
+#include "audio/array_sim.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -75,41 +77,21 @@ WavData record(std::vector<std::vector<double>> channels, int32_t sample_rate, i
   return w;
 }
 
-namespace {
-
-void append_samples(std::string& out, const std::vector<std::vector<double>>& channels, uint32_t bits) {
-  const double top = bits == 16 ? 32767.0 : 2147483647.0;
-  for (std::size_t f = 0; f < (channels.empty() ? 0 : channels[0].size()); ++f) {
-    for (const auto& channel : channels) {
-      const auto v = static_cast<int64_t>(std::lround(channel[f] * top));
-      if (bits == 16) {
-        write_le16(out, static_cast<uint16_t>(v));
-      } else {
-        write_le32(out, static_cast<uint32_t>(v));
+std::string pcm_wav(const std::vector<std::vector<double>>& channels, uint32_t rate, uint32_t bits) {
+  std::vector<uint8_t> data = interleave_s32le(channels);
+  if (bits == 16) {
+    data.clear();
+    for (std::size_t f = 0; f < (channels.empty() ? 0 : channels[0].size()); ++f) {
+      for (const auto& channel : channels) {
+        const auto v = static_cast<uint16_t>(pcm16_from_sample(channel[f]));
+        data.insert(data.end(), {static_cast<uint8_t>(v), static_cast<uint8_t>(v >> 8)});
       }
     }
   }
-}
-
-}  // namespace
-
-std::string pcm_wav(const std::vector<std::vector<double>>& channels, uint32_t rate, uint32_t bits) {
-  std::string data;
-  append_samples(data, channels, bits);
-  const auto block = static_cast<uint32_t>(channels.size() * bits / 8);
-  std::string out = "RIFF";
-  write_le32(out, static_cast<uint32_t>(36 + data.size()));
-  out += "WAVEfmt ";
-  write_le32(out, 16);
-  write_le16(out, 1);
-  write_le16(out, static_cast<uint16_t>(channels.size()));
-  write_le32(out, rate);
-  write_le32(out, rate * block);
-  write_le16(out, static_cast<uint16_t>(block));
-  write_le16(out, static_cast<uint16_t>(bits));
-  out += "data";
-  write_le32(out, static_cast<uint32_t>(data.size()));
-  return out + data;
+  std::vector<uint8_t> header = wav_header(static_cast<int32_t>(rate), static_cast<int32_t>(channels.size()),
+                                           static_cast<int32_t>(bits), static_cast<uint32_t>(data.size()));
+  header.insert(header.end(), data.begin(), data.end());
+  return std::string(header.begin(), header.end());
 }
 
 }  // namespace sonderlark::test

@@ -43,7 +43,7 @@ std::vector<std::vector<double>> array_noise(int lag, std::size_t frames, double
 WavData record(std::vector<std::vector<double>> channels, int32_t sample_rate = 16000, int32_t bits = 32);
 
 // A canonical PCM WAV file of the given channels (full scale 1.0) at 16 or
-// 32 bits; a sample of 1.0 becomes the largest positive value.
+// 32 bits, in the simulator's and the beam writer's encodings.
 std::string pcm_wav(const std::vector<std::vector<double>>& channels, uint32_t rate = 16000, uint32_t bits = 32);
 
 }  // namespace sonderlark::test

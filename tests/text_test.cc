@@ -6,10 +6,8 @@
 #include <filesystem>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <limits>
 #include <random>
-#include <regex>
 
 #include "report/json.h"
 #include "support.h"
@@ -88,18 +86,6 @@ TEST(Fixed, WritesWhatPrintfWrites) {
       ASSERT_EQ(fixed(v, decimals), expected) << decimals << " digits of " << v;
     }
   }
-}
-
-TEST(NowIso8601Utc, PatternAndClock) {
-  const std::time_t before = std::time(nullptr);
-  const std::string stamp = now_iso8601_utc();
-  const std::time_t after = std::time(nullptr);
-  ASSERT_TRUE(std::regex_match(stamp, std::regex(R"(\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}Z)"))) << stamp;
-  std::tm parsed{};
-  strptime(stamp.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parsed);
-  const std::time_t t = timegm(&parsed);
-  EXPECT_GE(t, before);
-  EXPECT_LE(t, after);
 }
 
 // What a terminal may be shown of outside text: one '?' for each control,

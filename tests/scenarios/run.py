@@ -24,6 +24,7 @@ import stat
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import tomllib
 import wave
@@ -240,8 +241,7 @@ def verify(case, run, status, out, err):
     for name, limit in case.get("at_most_bytes", {}).items():
         check(os.path.getsize(os.path.join(d, name)) <= limit, "%s is over %d bytes" % (name, limit))
     for name, fields in case.get("json_fields", {}).items():
-        with open(os.path.join(d, name), encoding="utf-8") as f:
-            doc = json.load(f, parse_constant=lambda c: (_ for _ in ()).throw(Failure("JSON has " + c)))
+        doc = strict_json(read(os.path.join(d, name)))
         for key, value in fields.items():
             check(doc.get(key) == value, "%s: %s is %r, not %r" % (name, key, doc.get(key), value))
 
@@ -492,8 +492,7 @@ def live_argv(run, duration, pcm, *more):
 
 def status_record(run):
     """The status record: strict JSON (no NaN, no Infinity) with its 20 members."""
-    with open(os.path.join(run["dir"], "state/status.json"), encoding="utf-8") as f:
-        record = json.load(f, parse_constant=lambda c: (_ for _ in ()).throw(Failure("status has " + c)))
+    record = strict_json(read(os.path.join(run["dir"], "state/status.json")))
     check(len(record) == 20, "the status record has %d members" % len(record))
     return record
 
@@ -668,38 +667,63 @@ def live_signal_stop(case, run):
           "the monitor shows %r" % text(out))
 
 
+def strict_json(data):
+    """A JSON document, refusing NaN and Infinity as a strict reader would."""
+    return json.loads(data, parse_constant=lambda c: (_ for _ in ()).throw(ValueError("JSON has " + c)))
+
+
+def poll_status(path, stop, reads=0, distinct=0):
+    """Reads the status file as fast as it can until `stop` is set, or until it
+    has made `reads` reads and seen `distinct` different records: the counts of
+    reads, good records (20 members), partial ones and missing files."""
+    counts = dict.fromkeys(("reads", "good", "partial", "missing", "distinct"), 0)
+    last = None
+    while not stop.is_set() and not (reads and counts["reads"] >= reads and counts["distinct"] >= distinct):
+        counts["reads"] += 1
+        try:
+            data = read(path)
+            good = len(strict_json(data)) == 20
+        except FileNotFoundError:
+            counts["missing"] += 1
+            continue
+        except (ValueError, TypeError):
+            good = False
+        counts["good" if good else "partial"] += 1
+        counts["distinct"] += good and data != last
+        last = data if good else last
+    return counts
+
+
 def status_never_partial(case, run):
     """A poller reading the status file as fast as it can, with a strict JSON
     parser, against a continuous unpaced run (or the case's in-place writer,
     which it must catch). Counts, not time: the poller ends by itself once it
     has seen enough records."""
     d = run["dir"]
-    status_path = os.path.join(d, "state/status.json")
-    if case.get("writer") == "in_place":
-        write(status_path, source("golden/live_status.json"))
-        writer = spawn([sys.executable, "-c", "import sys, time\nrecord = open(sys.argv[1]).read()\n"
-                        "end = time.time() + 3\nwhile time.time() < end:\n    with open(sys.argv[1], 'w') as f:\n"
-                        "        f.write(record[:200]); f.flush(); f.write(record[200:])", status_path], None, run,
-                       "writer")
-        poller = spawn([sys.executable, os.path.join(TESTS, "poll_status.py"), status_path, os.path.join(d, "stop")],
-                       None, run, "poll")
-        finish(writer)
-        write(os.path.join(d, "stop"), "")
-        finish(poller)
-        check(json.loads(read(os.path.join(d, "poll.out")))["partial"] > 0, "the in-place writer was not caught")
-        return
-    env = array_device(case, run)
-    tool = spawn(live_argv(run, "0", os.path.join(d, "no-reader.pcm"), "--live-chunk-frames", "128"), env, run, "tool")
-    wait_for(lambda: os.path.exists(status_path) or tool.poll() is not None, "the first record")
-    poller = spawn([sys.executable, os.path.join(TESTS, "poll_status.py"), status_path, os.path.join(d, "stop"),
-                    "20000", "2000"], None, run, "poll")
-    wait_for(lambda: poller.poll() is not None or tool.poll() is not None, "20000 reads of 2000 records")
-    tool_ended = tool.poll() is not None
-    tool.send_signal(signal.SIGTERM)
-    finish(tool)
-    write(os.path.join(d, "stop"), "")
-    finish(poller)
-    counts = json.loads(read(os.path.join(d, "poll.out")))
+    status_path, stop = os.path.join(d, "state/status.json"), threading.Event()
+    with concurrent.futures.ThreadPoolExecutor(1) as pool:
+        if case.get("writer") == "in_place":
+            write(status_path, source("golden/live_status.json"))
+            writer = spawn([sys.executable, "-c", "import sys, time\nrecord = open(sys.argv[1]).read()\n"
+                            "end = time.time() + 3\nwhile time.time() < end:\n    with open(sys.argv[1], 'w') as f:\n"
+                            "        f.write(record[:200]); f.flush(); f.write(record[200:])", status_path], None, run,
+                           "writer")
+            polled = pool.submit(poll_status, status_path, stop)
+            finish(writer)
+            stop.set()
+            check(polled.result()["partial"] > 0, "the in-place writer was not caught")
+            return
+        env = array_device(case, run)
+        tool = spawn(live_argv(run, "0", os.path.join(d, "no-reader.pcm"), "--live-chunk-frames", "128"), env, run,
+                     "tool")
+        wait_for(lambda: os.path.exists(status_path) or tool.poll() is not None, "the first record")
+        polled = pool.submit(poll_status, status_path, stop, 20000, 2000)
+        wait_for(lambda: polled.done() or tool.poll() is not None, "20000 reads of 2000 records")
+        tool_ended = tool.poll() is not None
+        tool.send_signal(signal.SIGTERM)
+        finish(tool)
+        stop.set()
+        counts = polled.result()
     check(not tool_ended, "the run ended first: %s" % counts)
     check(counts["reads"] >= 20000 and counts["distinct"] >= 2000, "too few reads: %s" % counts)
     check(counts["partial"] == 0 and counts["missing"] == 0, "a reader saw no record or a partial one: %s" % counts)

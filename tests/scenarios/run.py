@@ -30,6 +30,7 @@ import tomllib
 import wave
 
 TESTS = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+TOP = os.path.dirname(TESTS)
 UPDATE = os.environ.get("SONDERLARK_UPDATE_GOLDEN") is not None
 DEADLINE = 120  # seconds: only a hung run is that slow (a case may set its own "deadline")
 MASKS = {  # name: (pattern, replacement, must be there); {dir} in a pattern is the run's folder
@@ -72,10 +73,12 @@ def source(what):
 
 
 def expand(value, run):
-    """{dir}: the run's folder; {tests}: the tests folder; {env:NAME}: the
-    variable NAME of the runner's environment; {xHH}: the byte HH,
-    which TOML cannot hold when it is not UTF-8 (passed on as the bytes)."""
-    value = value.replace("{dir}", run["dir"]).replace("{tests}", TESTS)
+    """{dir}: the run's folder; {tests}, {top}, {build}: the tests folder, the
+    source tree, the build; {env:NAME}: the variable NAME of the runner's
+    environment; {xHH}: the byte HH, which TOML cannot hold when it is not
+    UTF-8 (passed on as the bytes)."""
+    value = value.replace("{dir}", run["dir"]).replace("{tests}", TESTS).replace("{top}", TOP)
+    value = value.replace("{build}", run["build"])
     value = re.sub(r"\{env:(\w+)\}", lambda m: os.environ.get(m.group(1), ""), value)
     return re.sub(r"\{x([0-9a-f]{2})\}", lambda m: chr(int(m.group(1), 16) + (0xdc00 if m.group(1) >= "80" else 0)),
                   value)
@@ -96,17 +99,19 @@ def prepare(case, run):
                  deadline=case.get("deadline", DEADLINE))
     for plant in case.get("plant", []):
         path = os.path.join(run["dir"], plant["path"])
+        if plant["kind"] == "link":  # to a path in the folder, or an absolute one
+            os.symlink(os.path.join(run["dir"], plant["to"]), path)
+            continue
         if plant["kind"] == "fifo":
             os.mkfifo(path, 0o600)
-            os.chmod(path, plant.get("mode", 0o600))
-            if "owner" in plant:
-                os.chown(path, plant["owner"], -1)
-        elif plant["kind"] == "link":  # to a path in the folder, or an absolute one
-            os.symlink(os.path.join(run["dir"], plant["to"]), path)
         elif plant["kind"] == "filled":  # an open brace, then blanks up to `bytes`
             write(path, b"{" + b" " * (plant["bytes"] - 1))
         else:
             os.makedirs(path)
+        if "mode" in plant:
+            os.chmod(path, plant["mode"])
+        if "owner" in plant:
+            os.chown(path, plant["owner"], -1)
     env = dict(os.environ)
     if "device_file" in case:
         env.update(file_device(run["dir"], os.path.join(run["dir"], case["device_file"])))
@@ -140,13 +145,13 @@ def paced_device(run, folder, name="pacer"):
     frames into a FIFO and silence after them, so that a run reads the same
     frames at any build's speed. One device serves one capture."""
     os.mkfifo(os.path.join(folder, "infile"), 0o600)
-    spawn([os.path.join(os.path.dirname(TESTS), "scripts", "try-live"), "pace", os.path.join(folder, "frames.raw"),
+    spawn([os.path.join(TOP, "scripts", "try-live"), "pace", os.path.join(folder, "frames.raw"),
            os.path.join(folder, "infile"), "--once"], None, run, name)
     return file_device(folder, os.path.join(folder, "infile"))
 
 
 def command(case, run):
-    argv = [os.path.join(run["build"], case["program"])] + [expand(a, run) for a in case.get("args", [])]
+    argv = [os.path.join(run["build"], expand(case["program"], run))] + [expand(a, run) for a in case.get("args", [])]
     if "file_size_limit" in case:
         argv = ["prlimit", "--fsize=%d" % case["file_size_limit"]] + argv
     if "address_space_limit" in case:
@@ -274,6 +279,8 @@ def run_case(case, build, notes):
         finally:
             if run["server"]:  # a sound server the scenario started
                 stop_server(run)
+            if run.get("try"):  # the device of scripts/try-live
+                execute([os.path.join(TOP, "scripts", "try-live"), "stop", run["try"]], None, d)
             if run.get("tmux"):  # what runs in its panes first: a hung program may not heed the hangup
                 for pid in tmux(run, "list-panes", "-a", "-F", "#{pane_pid}").split():
                     try:
@@ -733,7 +740,7 @@ def status_never_partial(case, run):
 # Live mode into the virtual microphone of a real sound server, started by
 # scripts/sound-server. A route is the server and what makes its pipe source.
 
-SOUND_SERVER = os.path.join(os.path.dirname(TESTS), "scripts", "sound-server")
+SOUND_SERVER = os.path.join(TOP, "scripts", "sound-server")
 PIPE_SOURCE = "format=s16le rate=16000 channels=1"
 
 
@@ -1107,6 +1114,48 @@ def hostile_text_in_terminal(case, run):
         check(piece in screen, "the screen lacks %r" % piece)
 
 
+# The scripts of the README.
+
+def try_live(case, run):
+    """scripts/try-live's paced device: a live run through it, the monitor
+    following that run, and a second capture (the doctor) after it; stop
+    removes the folder."""
+    d = run["dir"]
+    run["try"], state = os.path.join(d, "try"), os.path.join(d, "try/status.json")
+    env = dict(os.environ, XDG_RUNTIME_DIR=d, XDG_CONFIG_HOME=os.path.join(d, "try/config"))
+    status, out, err = execute([os.path.join(TOP, "scripts", "try-live"), "start", run["try"], "--angle", "30", "--bin",
+                                run["build"]], env, d)
+    check(status == 0 and "device: sonderlark_array\nXDG_CONFIG_HOME=%s\n" % env["XDG_CONFIG_HOME"] in text(out),
+          "try-live start said %r %r" % (text(out), text(err)))
+    tool = spawn([os.path.join(run["build"], "sonderlark"), "--live", "--device", "sonderlark_array", "--live-duration",
+                  "4", "--event-output", state, "--pcm-output", os.path.join(d, "try/mic.pcm")], env, run, "tool")
+    monitor = lambda: text(execute([os.path.join(run["build"], "sonderlark-monitor"), "--once", state], env, d)[1])
+    wait_for(lambda: "\nstatus: running " in "\n" + monitor(), "the monitor to show the running record")
+    check(finish(tool) == 0, "the live run failed")
+    check("\ndirection: 30.00 degrees" in "\n" + monitor(), "the monitor after the run: " + monitor())
+    status, out, err = execute([os.path.join(run["build"], "sonderlark-doctor"), "--device", "sonderlark_array",
+                                "--seconds", "1", "--event-output", state], env, d)
+    verify(case, run, status, out, err)
+    execute([os.path.join(TOP, "scripts", "try-live"), "stop", run["try"]], None, d)
+    check(not os.path.lexists(run["try"]), "stop left its folder")
+
+
+def server_stop_spares_strangers(case, run):
+    """scripts/sound-server stop with a PID list naming a process it did not
+    start: the right PID and name with another start time (a PID used again),
+    or the PID and name alone; the process survives both, and ends when the
+    list gives its own start time."""
+    d = run["dir"]
+    stranger = spawn(["sleep", "300"], None, run, "stranger")
+    started = text(read("/proc/%d/stat" % stranger.pid)).rsplit(")", 1)[1].split()[19]
+    os.mkdir(os.path.join(d, "stack"), 0o700)
+    for pids in ("%d 1 sleep" % stranger.pid, "%d sleep" % stranger.pid, "%d %s sleep" % (stranger.pid, started)):
+        write(os.path.join(d, "stack/pids"), pids + "\n")
+        check(execute([SOUND_SERVER, "stop", os.path.join(d, "stack")], None, d)[0] == 0, "stop failed")
+        check(stranger.poll() is None or pids.endswith(started + " sleep"), "stop ended the process of " + pids)
+    wait_for(lambda: stranger.poll() is not None, "stop to end the process it started")
+
+
 SCENARIOS = {"endless_stream": endless_stream, "cut_while_read": cut_while_read, "full_disk": full_disk,
              "command_lines": command_lines, "stand_in": stand_in, "live_finite_run": live_finite_run,
              "live_reader_returns": live_reader_returns, "live_slow_reader": live_slow_reader,
@@ -1116,7 +1165,8 @@ SCENARIOS = {"endless_stream": endless_stream, "cut_while_read": cut_while_read,
              "mic_makes_its_fifo": mic_makes_its_fifo, "doctor_virtual_mic": doctor_virtual_mic,
              "doctor_array": doctor_array, "monitor_follows_live_run": monitor_follows_live_run,
              "monitor_screen": monitor_screen, "monitor_key_ends": monitor_key_ends,
-             "hostile_text_in_terminal": hostile_text_in_terminal}
+             "hostile_text_in_terminal": hostile_text_in_terminal, "try_live": try_live,
+             "server_stop_spares_strangers": server_stop_spares_strangers}
 
 
 def outcome(case, build):

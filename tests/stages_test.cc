@@ -21,31 +21,10 @@
 namespace sonderlark {
 namespace {
 
+using test::num;
+using test::nums;
 using test::record;
 using Channels = std::vector<std::vector<double>>;
-
-std::string num(double v) {
-  char text[40];
-  std::snprintf(text, sizeof text, "%.17g", v);
-  return text;
-}
-
-// Up to eight values in full, then the count and a hash of every bit.
-std::string nums(const std::vector<double>& v) {
-  std::string out = "[";
-  uint64_t hash = 1469598103934665603ULL;
-  for (std::size_t i = 0; i < v.size(); ++i) {
-    if (i < 8) {
-      if (i > 0) out += ' ';
-      out += num(v[i]);
-    }
-    uint64_t bits;
-    std::memcpy(&bits, &v[i], sizeof bits);
-    hash = (hash ^ bits) * 1099511628211ULL;
-  }
-  if (v.size() > 8) out += " ... n=" + std::to_string(v.size()) + " hash=" + std::to_string(hash);
-  return out + "]";
-}
 
 std::string dump(const ChannelDiagnostics& d) {
   std::string out = "levels rms" + nums(d.rms) + " peak" + nums(d.peak) + " floor" + nums(d.noise_floor) + "\n";

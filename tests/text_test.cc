@@ -12,17 +12,10 @@
 #include "report/json.h"
 #include "support.h"
 #include "util/logger.h"
-#include "util/process.h"
 #include "util/text.h"
 
 namespace sonderlark {
 namespace {
-
-TEST(ShellQuote, TheShellGetsBackTheSameText) {
-  for (const std::string text : {"a'b \"c\" $(echo x) `id` \\n\n;|&*? ''", "", "\xC3\xA9'"}) {
-    EXPECT_EQ(run_command("printf '%s' " + shell_quote(text)).output, text);
-  }
-}
 
 // Every output must pass a strict JSON parser: short escapes, \u00XX for
 // other control bytes, well-formed UTF-8 kept, each stray byte \ufffd.

@@ -203,6 +203,8 @@ def verify(case, run, status, out, err):
         check(text(err) == expand(case["stderr"], run), "stderr %r, not %r" % (text(err), case["stderr"]))
     if "stdout" in case:
         check(text(out) == expand(case["stdout"], run), "stdout %r" % text(out))
+    if "stdout_golden" in case:
+        golden(out, case["stdout_golden"], case.get("masks", {}).get("stdout", []), run)
     if "stdout_starts" in case:
         check(text(out).startswith(case["stdout_starts"]), "stdout starts %r" % text(out)[:100])
     if case.get("stderr_said"):
@@ -272,10 +274,7 @@ def run_case(case, build, notes):
                 SCENARIOS[case["scenario"]](case, run)
                 return
             env = prepare(case, run)
-            status, out, err = execute(command(case, run), env, d, deadline=case.get("deadline", DEADLINE))
-            if "stdout_golden" in case:
-                golden(out, case["stdout_golden"], case.get("masks", {}).get("stdout", []), run)
-            verify(case, run, status, out, err)
+            verify(case, run, *execute(command(case, run), env, d, deadline=case.get("deadline", DEADLINE)))
         finally:
             if run["server"]:  # a sound server the scenario started
                 stop_server(run)
@@ -355,8 +354,7 @@ def full_disk(case, run):
         write(os.path.join(full, "b.wav"), "previous beam")
         write(os.path.join(full, "e.json"), "previous manifest")
         subprocess.run(["sh", "-c", 'cat /dev/zero > "$0"/filler', full], stderr=subprocess.DEVNULL)
-        status, out, err = execute(command(case, run), env, run["dir"])
-        verify(case, run, status, out, err)
+        verify(case, run, *execute(command(case, run), env, run["dir"]))
         check(read(os.path.join(full, "b.wav")) == b"previous beam", "earlier beam changed")
         check(read(os.path.join(full, "e.json")) == b"previous manifest", "earlier manifest changed")
         check(not any(n.endswith(".tmp") for n in os.listdir(full)), "partial file left")
@@ -472,17 +470,14 @@ def file_text(path):
 
 def array_device(case, run):
     """The device "sonderlark_array" of a simulated array (a source at 30
-    degrees: lag 4), playing speech or `repeat` times the 4000 frames of a
-    noise recording. Paced, a pacer writes the frames at real time and silence
+    degrees: lag 4), playing `repeat` times the 4000 frames of a noise
+    recording. Paced, a pacer writes the frames at real time and silence
     after them, so that a run reads the same frames at any build's speed;
     unpaced, arecord reads them as fast as the tool takes them."""
     d = run["dir"]
     frames = os.path.join(d, "frames.raw")
-    if case.get("speech"):
-        speech_frames(run)
-    else:
-        simulate(run, ["--input", os.path.join(TESTS, "golden/noise_lag5.wav"), "--lag", "4", "--repeat",
-                       str(case["repeat"]), "--raw", "--output", frames])
+    simulate(run, ["--input", os.path.join(TESTS, "golden/noise_lag5.wav"), "--lag", "4", "--repeat",
+                   str(case["repeat"]), "--raw", "--output", frames])
     if not case.get("paced"):
         return prepare(dict(case, device_file="frames.raw"), run)
     env = prepare(case, run)
@@ -821,16 +816,6 @@ def received_in_order(got, want, chunk):
     return j, drops, ""
 
 
-def speech_frames(run):
-    """Simulated speech from 30 degrees (lag 4), as the device's raw frames."""
-    d = run["dir"]
-    for argv in (["espeak-ng", "-w", "say.wav", "Testing the virtual microphone. One, two, three, four, five, six, seven."],
-                 ["sox", "say.wav", "-r", "16000", "-b", "16", "-c", "1", "speech.wav", "gain", "-6"],
-                 [os.path.join(run["build"], "sonderlark-sim"), "--input", "speech.wav", "--output", "frames.raw",
-                  "--raw", "--lag", "4", "--noise-rms", "0.001", "--repeat", "3"]):
-        check(execute(argv, dict(os.environ), d)[0] == 0, argv[0] + " failed")
-
-
 def virtual_mic_bit_for_bit(case, run):
     """A paced live run into the virtual microphone: a recorder gets every beam sample bit for bit."""
     d = run["dir"]
@@ -966,8 +951,6 @@ def doctor_array(case, run):
             os.path.join(d, "status.json")] + [expand(a, run) for a in case["args"]]
     status, out, err = execute(argv, env, d, case.get("stdin", ""))
     verify(case, run, status, out, err)
-    if "stdout_golden" in case:
-        golden(out, case["stdout_golden"], ["dir"], run)
     if "states" in case:
         answer = doctor_answer(case, out)
         if case.get("taps"):
@@ -1133,9 +1116,8 @@ def try_live(case, run):
     wait_for(lambda: "\nstatus: running " in "\n" + monitor(), "the monitor to show the running record")
     check(finish(tool) == 0, "the live run failed")
     check("\ndirection: 30.00 degrees" in "\n" + monitor(), "the monitor after the run: " + monitor())
-    status, out, err = execute([os.path.join(run["build"], "sonderlark-doctor"), "--device", "sonderlark_array",
-                                "--seconds", "1", "--event-output", state], env, d)
-    verify(case, run, status, out, err)
+    verify(case, run, *execute([os.path.join(run["build"], "sonderlark-doctor"), "--device", "sonderlark_array",
+                                "--seconds", "1", "--event-output", state], env, d))
     execute([os.path.join(TOP, "scripts", "try-live"), "stop", run["try"]], None, d)
     check(not os.path.lexists(run["try"]), "stop left its folder")
 

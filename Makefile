@@ -55,7 +55,7 @@ package:
 	scripts/package $(if $(filter command line,$(origin ARCH)),$(ARCH))
 
 test-package: package
-	tests/package_test.sh build-package/sonderlark_*_$$(dpkg --print-architecture).deb
+	tests/install_test.sh package build-package/sonderlark_*_$$(dpkg --print-architecture).deb
 
 demo: build
 	@scripts/install-deps demo

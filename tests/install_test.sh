@@ -1,57 +1,84 @@
 #!/usr/bin/env bash
-# Installs a build into a temporary prefix, runs the installed program,
-# renders its man page and removes everything again through the manifest.
-# Usage: tests/install_test.sh BUILD_DIR
+# Installs sonderlark, uses what a user meets (the programs, their man pages,
+# the systemd units), removes it again and checks that nothing is left:
+#   tests/install_test.sh prefix BUILD_DIR     cmake --install into a temporary prefix, removed by its manifest
+#   tests/install_test.sh package PACKAGE.deb  apt-get install, then purge; needs root and a machine where
+#                                              sonderlark is not installed as a package (skipped otherwise)
 set -euo pipefail
-build=$1
-prefix=$(mktemp -d)
-trap 'rm -rf "$prefix"' EXIT
+mode=$1
+work=$(mktemp -d)
+installed=""
+cleanup() {
+  [ -z "$installed" ] || apt-get purge -y -qq sonderlark >/dev/null 2>&1 || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+fail() { echo "FAIL: $*" >&2; exit 1; }
 
-cmake --install "$build" --prefix "$prefix" >/dev/null
-bin="$prefix/bin/sonderlark"
-"$bin" --help > "$prefix/help.txt"
-head -n 1 "$prefix/help.txt" | grep -qx "Usage: $bin \[options\]"
-"$prefix/bin/sonderlark-sim" --help >/dev/null
-"$prefix/bin/sonderlark-monitor" --help | head -n 1 | grep -q "^Usage: $prefix/bin/sonderlark-monitor \[STATUS_PATH\]"
-"$prefix/bin/sonderlark-doctor" --help | head -n 1 | grep -q "^Usage: $prefix/bin/sonderlark-doctor \[--device NAME\]"
-
-page="$prefix/share/man/man1/sonderlark.1"
-pages=("$page" "$prefix"/share/man/man1/sonderlark-{sim,monitor,doctor}.1)
-# sonderlark-mic where libpipewire was there to build it.
-if [ -x "$prefix/bin/sonderlark-mic" ]; then
-  "$prefix/bin/sonderlark-mic" --help | head -n 1 | grep -q "^Usage: $prefix/bin/sonderlark-mic \[--fifo PATH\]"
-  pages+=("$prefix/share/man/man1/sonderlark-mic.1")
-  grep -qx "ExecStart=$prefix/bin/sonderlark-mic --fifo %t/sonderlark-beamformed-mic.pcm" \
-    "$prefix/lib/systemd/user/sonderlark-mic.service"
+if [ "$mode" = prefix ]; then
+  prefix="$work/prefix"
+  cmake --install "$2" --prefix "$prefix" >/dev/null
+  cp "$2/install_manifest.txt" "$work/files"
+else
+  skip() { echo "install_test: SKIPPED the package's install/purge cycle: $1"; exit 0; }
+  [ "$(id -u)" -eq 0 ] || skip "installing a package needs root"
+  if dpkg-query -W -f='${Status}' sonderlark 2>/dev/null | grep -q installed; then
+    skip "sonderlark is already installed as a package on this machine"
+  fi
+  prefix=/usr
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "$(realpath "$2")" > "$work/apt.log" 2>&1 ||
+    fail "$(cat "$work/apt.log")"
+  installed=yes
+  dpkg-query -L sonderlark > "$work/files"
+  grep -qx /usr/share/doc/sonderlark/examples/sonderlark-mic.conf "$work/files" || fail "no example configuration"
 fi
-for p in "${pages[@]}"; do
-  warnings=$(groff -man -ww -z "$p" 2>&1)
-  [ -z "$warnings" ] || { echo "groff warnings in $p: $warnings" >&2; exit 1; }
-done
-MANWIDTH=80 man -l "$page" > "$prefix/page.txt" 2> "$prefix/man.err"
-[ ! -s "$prefix/man.err" ] || { cat "$prefix/man.err" >&2; exit 1; }
-grep -q "EXIT STATUS" "$prefix/page.txt"
-grep -q "trusted input" "$prefix/page.txt"
-grep -q "SECURITY NOTES" "$prefix/page.txt"
 
-unit="$prefix/lib/systemd/user/sonderlark-live.service"
-grep -q "^ExecStart=$prefix/bin/sonderlark --live .*--pcm-output %t/sonderlark-beamformed-mic.pcm --event-output %S/sonderscope/sonderlark-live-event.json" "$unit"
-# systemd's own check of the unit must find nothing to say (it needs a
+units=("$prefix/lib/systemd/user/sonderlark-live.service")
+programs=(sonderlark sonderlark-sim sonderlark-monitor sonderlark-doctor)
+# sonderlark-mic where libpipewire was there to build it.
+if grep -qx "$prefix/bin/sonderlark-mic" "$work/files"; then
+  programs+=(sonderlark-mic)
+  units+=("$prefix/lib/systemd/user/sonderlark-mic.service")
+  grep -qx "ExecStart=$prefix/bin/sonderlark-mic --fifo %t/sonderlark-beamformed-mic.pcm" "${units[1]}" || fail "mic unit"
+fi
+for program in "${programs[@]}"; do
+  [ "$mode" = prefix ] || [ "$(command -v "$program")" = "/usr/bin/$program" ] || fail "$program is not on PATH"
+  "$prefix/bin/$program" --help | head -n 1 | grep -q "^Usage: $prefix/bin/$program " || fail "$program --help"
+  page=$(echo "$prefix/share/man/man1/$program.1"*)
+  warnings=$(zcat -f "$page" | groff -man -ww -z 2>&1)
+  [ -z "$warnings" ] || fail "groff warnings in $page: $warnings"
+  MANWIDTH=80 man -l "$page" > "$work/page.txt" 2> "$work/man.err"
+  [ ! -s "$work/man.err" ] || fail "man $page: $(cat "$work/man.err")"
+  grep -q "EXIT STATUS" "$work/page.txt" || fail "$page has no EXIT STATUS"
+  [ "$program" != sonderlark ] || { grep -q "trusted input" "$work/page.txt" && grep -q "SECURITY NOTES" "$work/page.txt"; } ||
+    fail "sonderlark.1 has no security notes"
+done
+grep -q "^ExecStart=$prefix/bin/sonderlark --live .*--pcm-output %t/sonderlark-beamformed-mic.pcm --event-output %S/sonderscope/sonderlark-live-event.json" "${units[0]}" ||
+  fail "live unit"
+# systemd's own check of the units must find nothing to say (it needs a
 # runtime folder, and finds the man page of Documentation= through MANPATH).
 if command -v systemd-analyze >/dev/null 2>&1; then
-  mkdir -m 700 "$prefix/run"
-  units=("$unit")
-  [ -e "$prefix/lib/systemd/user/sonderlark-mic.service" ] && units+=("$prefix/lib/systemd/user/sonderlark-mic.service")
-  said=$(XDG_RUNTIME_DIR="$prefix/run" MANPATH="$prefix/share/man" systemd-analyze --user verify "${units[@]}" 2>&1) || true
-  [ -z "$said" ] || { echo "systemd-analyze verify: $said" >&2; exit 1; }
-  rm -rf "$prefix/run"
+  mkdir -m 700 "$work/run"
+  said=$(XDG_RUNTIME_DIR="$work/run" MANPATH="$prefix/share/man" systemd-analyze --user verify "${units[@]}" 2>&1) || true
+  [ -z "$said" ] || fail "systemd-analyze verify: $said"
 else
-  echo "systemd-analyze not installed: the unit is not verified"
+  echo "systemd-analyze not installed: the units are not verified"
 fi
 
-# Everything installed is listed, and removing the listed files leaves no file.
-manifest="$build/install_manifest.txt"
-xargs -d '\n' rm -f < "$manifest"
-left=$(find "$prefix" -type f ! -name help.txt ! -name page.txt ! -name man.err)
-[ -z "$left" ] || { echo "left after uninstall: $left" >&2; exit 1; }
-echo "install ok"
+# Removed, it leaves no file (and, as a package, no folder of its own); in
+# a prefix, every file installed was listed in the manifest.
+if [ "$mode" = prefix ]; then
+  xargs -d '\n' rm -f < "$work/files"
+  left=$(find "$prefix" -type f)
+else
+  apt-get purge -y -qq sonderlark > "$work/apt.log" 2>&1 || fail "$(cat "$work/apt.log")"
+  installed=""
+  left=""
+fi
+while read -r path; do
+  if [ -e "$path" ] && ! [ -d "$path" ] || { [ "$mode" = package ] && [ -d "$path" ] && [[ "$path" == *sonderlark* ]]; }; then
+    left+="$path "
+  fi
+done < "$work/files"
+[ -z "$left" ] || fail "left after removal: $left"
+echo "install_test: $mode: installed $(wc -l < "$work/files") paths, ran every program, read every man page; removed, nothing left"

@@ -11,7 +11,6 @@
 
 #include "report/json.h"
 #include "support.h"
-#include "util/logger.h"
 #include "util/text.h"
 
 namespace sonderlark {
@@ -131,19 +130,6 @@ TEST(ReadFileText, RefusesWhatIsNotASmallRegularFile) {
     EXPECT_EQ(file.text.size(), row.path == "/proc/self/comm" ? file.text.find('\n') + 1 : row.size) << row.path;
     EXPECT_EQ(file.text.empty(), row.size == 0) << row.path;
   }
-}
-
-TEST(Logger, TruncatesAndFlushesEveryLine) {
-  test::TempDir tmp;
-  const std::string path = tmp.path("log.txt");
-  test::write_file(path, "old content that must go away\n");
-  Logger logger;
-  open_log(logger, path);
-  testing::internal::CaptureStdout();
-  logger.line("first");
-  EXPECT_EQ(test::read_file(path), "first\n");  // flushed without closing
-  logger.line("multi\nline");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "first\nmulti\nline\n");
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #!/bin/sh
-# A stand-in for arecord, installed first on PATH by the live tests for
-# failure injection only (exit codes, signals, standard error text, early
-# stops). Everything it does is steered by environment variables:
+# A stand-in for arecord, installed first on PATH by the tests for failure
+# injection only (exit codes, signals, standard error text, early stops,
+# split parts). Everything it does is steered by environment variables:
 #   STAND_IN_DIR   where it keeps its records (starts, args, times, fds, zombies, snapshot.N)
 #   FIRST_FRAMES   file streamed to standard output by the first start
 #   FRAMES         file streamed by later starts (or by every start without FIRST_FRAMES)
@@ -23,6 +23,24 @@ ls /proc/$tool/fd | wc -l >> "$d/fds"
 awk -v p="$tool" '$4 == p && $3 == "Z"' /proc/[0-9]*/stat 2>/dev/null | wc -l >> "$d/zombies"
 if [ -n "$STATUS_FILE" ] && [ -f "$STATUS_FILE" ]; then cp "$STATUS_FILE" "$d/snapshot.$n"; fi
 for fd in /proc/$$/fd/*; do readlink "$fd"; done > "$d/own_fds"
+
+# A one-shot capture: each file of PARTS copied to the output file (the
+# last argument), or with SPLIT to its STEM-01.wav, STEM-02.wav, ...; then
+# PLANT puts the next part there as someone racing the capture would: a
+# "fifo", a "link", or a copy given to the user nobody ("foreign").
+for last; do :; done
+stem=${last%.wav}
+parts=0
+for part in $PARTS; do
+  parts=$((parts + 1))
+  if [ -n "$SPLIT" ]; then cp "$part" "$stem-0$parts.wav"; else cp "$part" "$last"; fi
+done
+next="$stem-0$((parts + 1)).wav"
+case "$PLANT" in
+  fifo) mkfifo "$next" ;;
+  link) ln -s "$part" "$next" ;;
+  foreign) cp "$part" "$next" && chown nobody "$next" ;;
+esac
 
 if [ "$n" -eq 1 ] && [ -n "$FIRST_FRAMES" ]; then
   cat "$FIRST_FRAMES"

@@ -10,13 +10,12 @@
 
 #include "audio/wav.h"
 #include "dsp/beam.h"
-#include "dsp/beam.h"
 #include "dsp/gain.h"
 #include "dsp/diagnostics.h"
 #include "dsp/direction.h"
-#include "dsp/gain.h"
 #include "dsp/recording.h"
 #include "fuzz_check.h"
+#include "util/unique_fd.h"
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -45,18 +44,14 @@ bool same_estimate(const DirectionEstimate& a, const DirectionEstimate& b) {
 // blocks of `block` frames.
 RecordingAnalysis streamed(const uint8_t* data, size_t size, double gain_db, std::size_t block,
                            std::vector<double>& beam) {
-  const int fd = memfd_create("fuzz.wav", MFD_CLOEXEC);
-  if (fd < 0) std::abort();
-  struct Closer {
-    int fd;
-    ~Closer() { close(fd); }
-  } closer{fd};
+  const UniqueFd fd(memfd_create("fuzz.wav", MFD_CLOEXEC));
+  if (!fd.valid()) std::abort();
   for (size_t done = 0; done < size;) {
-    const ssize_t n = write(fd, data + done, size - done);
+    const ssize_t n = write(fd.get(), data + done, size - done);
     if (n <= 0) std::abort();
     done += static_cast<size_t>(n);
   }
-  const WavSource source = open_wav_source({"/proc/self/fd/" + std::to_string(fd)});
+  const WavSource source = open_wav_source({"/proc/self/fd/" + std::to_string(fd.get())});
   return analyse_recording(
       frames_of(source), gain_db, [&beam](const double* s, std::size_t n) { beam.insert(beam.end(), s, s + n); }, {},
       block);
@@ -92,12 +87,7 @@ extern "C" int FUZZ_ENTRY(const uint8_t* data, size_t size) {
   const DirectionEstimate direction = estimate_direction(processed, "processed");
   const BeamformResult beam = beamform_delay_and_sum(processed, direction);
 
-  WavData beam_record;
-  beam_record.sample_rate = sample_rate;
-  beam_record.channels = 1;
-  beam_record.bits_per_sample = 16;
-  beam_record.samples.push_back(beam.samples);
-  const ChannelDiagnostics beam_levels = diagnose_channels(beam_record, "beamformed channel");
+  const ChannelDiagnostics beam_levels = diagnose_channels({sample_rate, 1, 16, {beam.samples}}, "beamformed channel");
 
   if (raw.rms.size() != m || levels.peak.size() != m || beam_levels.rms.size() != 1) std::abort();
   if (beam.lags.size() != m || beam.samples.size() != frames) std::abort();

@@ -8,6 +8,7 @@
 
 #include <sys/stat.h>
 
+#include "analysis_text.h"
 #include "audio/wav.h"
 
 #include "support.h"
@@ -47,10 +48,10 @@ std::string outcome(const std::function<WavData()>& read) {
                        std::to_string(wav.bits_per_sample) + " bit";
     std::vector<double> rest;  // of the channels after the fourth
     for (std::size_t c = 0; c < wav.samples.size(); ++c) {
-      if (c < 4) text += " " + test::nums(wav.samples[c]);
+      if (c < 4) text += " " + nums(wav.samples[c]);
       if (c >= 4) rest.insert(rest.end(), wav.samples[c].begin(), wav.samples[c].end());
     }
-    return wav.samples.size() > 4 ? text + " and the rest " + test::nums(rest) : text;
+    return wav.samples.size() > 4 ? text + " and the rest " + nums(rest) : text;
   } catch (const std::runtime_error& e) {
     std::string text = "error: ";  // appended: GCC 12 warns falsely on "literal" + string
     text += e.what();

@@ -10,12 +10,8 @@
 #include <cmath>
 #include <functional>
 
+#include "analysis_text.h"
 #include "audio/array_sim.h"
-#include "dsp/beam.h"
-#include "dsp/recording.h"
-#include "dsp/diagnostics.h"
-#include "dsp/direction.h"
-#include "dsp/gain.h"
 #include "support.h"
 #include "util/process.h"
 #include "util/text.h"
@@ -23,33 +19,12 @@
 namespace sonderlark {
 namespace {
 
-using test::num;
-using test::nums;
 using test::record;
 using Channels = std::vector<std::vector<double>>;
-
-std::string dump(const ChannelDiagnostics& d) {
-  std::string out = "levels rms" + nums(d.rms) + " peak" + nums(d.peak) + " floor" + nums(d.noise_floor) + "\n";
-  for (const std::string& w : d.warnings) out += "  warning: " + w + "\n";
-  return out;
-}
 
 std::string dump(const LagResult& r) {
   return "lag " + std::to_string(r.lag) + " peak " + num(r.peak_correlation) + " second " +
          num(r.second_correlation) + " confidence " + num(r.confidence) + "\n";
-}
-
-std::string dump(const DirectionEstimate& e) {
-  return "direction lag " + std::to_string(e.lag_samples_ch0_to_ch3) + " angle " + num(e.angle_degrees) +
-         " confidence " + num(e.confidence) + " peak " + num(e.peak_correlation) + " second " +
-         num(e.second_correlation) + " consistency " + num(e.lag_consistency) + " low " +
-         (e.low_confidence ? "yes" : "no") + " " + e.samples_source + " / " + e.method + "\n";
-}
-
-std::string dump(const BeamformResult& b) {
-  std::string lags;
-  for (int32_t l : b.lags) lags.append(1, ' ').append(std::to_string(l));
-  return "beam lags" + lags + " / " + b.method + "\n  samples" + nums(b.samples) + "\n";
 }
 
 // Channel c hears the noise round(c x lag / 3) samples after channel 0.
@@ -249,38 +224,6 @@ Channels make_channels(const Recording& r) {
   return channels;
 }
 
-// Everything a one-shot run reports, the beam's samples included.
-std::string report(const ChannelDiagnostics& raw, const std::vector<std::string>& gain_warnings,
-                   const ChannelDiagnostics& processed, const DirectionEstimate& direction, const BeamformResult& beam,
-                   const ChannelDiagnostics& beamformed) {
-  std::string out = "raw " + dump(raw);
-  for (const std::string& w : gain_warnings) out += "gain warning: " + w + "\n";
-  return out + "processed " + dump(processed) + dump(direction) + dump(beam) + "beamformed " + dump(beamformed);
-}
-
-// The whole-record calls, in the live loop's order; the beam is also held
-// against the literal mean of the processed channels.
-std::string whole_record(const std::string& path, double gain_db) {
-  const WavData input = read_wav(path);
-  std::vector<std::string> gain_warnings;
-  const WavData processed = apply_input_gain(input, gain_db, gain_warnings);
-  const DirectionEstimate direction = estimate_direction(processed, "processed");
-  const BeamformResult beam = beamform_delay_and_sum(processed, direction);
-  EXPECT_EQ(beam.samples, literal_beam(processed.samples, beam.lags));
-  return report(diagnose_channels(input, "raw channel"), gain_warnings, diagnose_channels(processed, "processed channel"),
-                direction, beam, diagnose_channels(record({beam.samples}, input.sample_rate, 16), "beamformed channel"));
-}
-
-// The block path: the estimate hands its own channel 0 / 3 search to the beam.
-std::string streamed(const std::vector<std::string>& paths, double gain_db, std::size_t block) {
-  std::vector<double> beam;
-  RecordingAnalysis a = analyse_recording(
-      frames_of(open_wav_source(paths)), gain_db,
-      [&beam](const double* s, std::size_t n) { beam.insert(beam.end(), s, s + n); }, {}, block);
-  a.beam.samples = beam;
-  return report(a.raw, a.gain_warnings, a.processed, a.direction, a.beam, a.beamformed);
-}
-
 class Streamed : public ::testing::TestWithParam<Recording> {};
 
 TEST_P(Streamed, SameBitsAsTheWholeRecordCalls) {
@@ -288,8 +231,12 @@ TEST_P(Streamed, SameBitsAsTheWholeRecordCalls) {
   test::TempDir tmp;
   const Channels channels = make_channels(r);
   test::write_file(tmp.path("whole.wav"), test::pcm_wav(channels, r.rate, r.bits));
-  const std::string expected = whole_record(tmp.path("whole.wav"), r.gain_db);
-  EXPECT_EQ(streamed({tmp.path("whole.wav")}, r.gain_db, r.block), expected);
+  const WavData input = read_wav(tmp.path("whole.wav"));
+  const RecordingAnalysis whole = whole_record(input, r.gain_db);
+  std::vector<std::string> ignored;  // the beam: also the literal mean of the processed channels
+  EXPECT_EQ(whole.beam.samples, literal_beam(apply_input_gain(input, r.gain_db, ignored).samples, whole.beam.lags));
+  const std::string expected = dump(whole);
+  EXPECT_EQ(dump(streamed({tmp.path("whole.wav")}, r.gain_db, r.block)), expected);
 
   // The same recording in three parts, cut at a third and at the last frame
   // (parts may be empty), reads as one.
@@ -301,7 +248,7 @@ TEST_P(Streamed, SameBitsAsTheWholeRecordCalls) {
     parts.push_back(tmp.path("part-0" + std::to_string(p + 1) + ".wav"));
     test::write_file(parts.back(), test::pcm_wav(part, r.rate, r.bits));
   }
-  EXPECT_EQ(streamed(parts, r.gain_db, r.block), expected) << "in parts";
+  EXPECT_EQ(dump(streamed(parts, r.gain_db, r.block)), expected) << "in parts";
 }
 
 // The guided beam needs 4+ channels and a confident estimate; everything

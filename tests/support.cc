@@ -4,11 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -43,23 +40,6 @@ void expect_golden(const std::string& name, const std::string& text) {
   const std::string path = source_path("tests/golden/" + name);
   if (std::getenv("SONDERLARK_UPDATE_GOLDEN") != nullptr) write_file(path, text);
   EXPECT_EQ(text, read_file(path)) << "tests/golden/" << name;
-}
-
-std::string num(double v) {
-  char text[40];
-  std::snprintf(text, sizeof text, "%.17g", v);
-  return text;
-}
-
-std::string nums(const std::vector<double>& v) {
-  std::string out = "[";
-  uint64_t hash = 1469598103934665603ULL;
-  for (std::size_t i = 0; i < v.size(); ++i) {
-    if (i < 8) out += (i > 0 ? " " : "") + num(v[i]);
-    hash = (hash ^ std::bit_cast<uint64_t>(v[i])) * 1099511628211ULL;
-  }
-  if (v.size() > 8) out += " ... n=" + std::to_string(v.size()) + " hash=" + std::to_string(hash);
-  return out + "]";
 }
 
 std::vector<double> white_noise(std::size_t n, double amplitude, uint32_t seed) {

@@ -29,11 +29,6 @@ std::string source_path(const std::string& relative);
 // set, rewrites the file instead, after a deliberate change.
 void expect_golden(const std::string& name, const std::string& text);
 
-// A double in full (%.17g); up to eight in full, then the count and a hash
-// of every bit.
-std::string num(double v);
-std::string nums(const std::vector<double>& v);
-
 // Seeded white noise, uniform in [-amplitude, amplitude).
 std::vector<double> white_noise(std::size_t n, double amplitude, uint32_t seed);
 

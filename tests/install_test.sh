@@ -1,9 +1,7 @@
 #!/usr/bin/env bash
-# Installs sonderlark, uses what a user meets (the programs, their man pages,
-# the systemd units), removes it again and checks that nothing is left:
-#   tests/install_test.sh prefix BUILD_DIR     cmake --install into a temporary prefix, removed by its manifest
-#   tests/install_test.sh package PACKAGE.deb  apt-get install, then purge; needs root and a machine where
-#                                              sonderlark is not installed as a package (skipped otherwise)
+# Installs sonderlark, uses its programs, man pages and systemd units, removes it and finds nothing left.
+# Usage: tests/install_test.sh prefix BUILD_DIR (cmake --install into a temporary prefix, removed by its manifest)
+#        tests/install_test.sh package DEB (apt-get install, purge: as root, where no sonderlark package is installed)
 set -euo pipefail
 mode=$1
 work=$(mktemp -d)
@@ -22,9 +20,7 @@ if [ "$mode" = prefix ]; then
 else
   skip() { echo "install_test: SKIPPED the package's install/purge cycle: $1"; exit 0; }
   [ "$(id -u)" -eq 0 ] || skip "installing a package needs root"
-  if dpkg-query -W -f='${Status}' sonderlark 2>/dev/null | grep -q installed; then
-    skip "sonderlark is already installed as a package on this machine"
-  fi
+  ! dpkg-query -W -f='${Status}' sonderlark 2>/dev/null | grep -q installed || skip "sonderlark is installed already"
   prefix=/usr
   DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "$(realpath "$2")" > "$work/apt.log" 2>&1 ||
     fail "$(cat "$work/apt.log")"
@@ -35,7 +31,6 @@ fi
 
 units=("$prefix/lib/systemd/user/sonderlark-live.service")
 programs=(sonderlark sonderlark-sim sonderlark-monitor sonderlark-doctor)
-# sonderlark-mic where libpipewire was there to build it.
 if grep -qx "$prefix/bin/sonderlark-mic" "$work/files"; then
   programs+=(sonderlark-mic)
   units+=("$prefix/lib/systemd/user/sonderlark-mic.service")
@@ -45,8 +40,7 @@ for program in "${programs[@]}"; do
   [ "$mode" = prefix ] || [ "$(command -v "$program")" = "/usr/bin/$program" ] || fail "$program is not on PATH"
   "$prefix/bin/$program" --help | head -n 1 | grep -q "^Usage: $prefix/bin/$program " || fail "$program --help"
   page=$(echo "$prefix/share/man/man1/$program.1"*)
-  warnings=$(zcat -f "$page" | groff -man -ww -z 2>&1)
-  [ -z "$warnings" ] || fail "groff warnings in $page: $warnings"
+  warnings=$(zcat -f "$page" | groff -man -ww -z 2>&1) && [ -z "$warnings" ] || fail "groff warnings in $page: $warnings"
   MANWIDTH=80 man -l "$page" > "$work/page.txt" 2> "$work/man.err"
   [ ! -s "$work/man.err" ] || fail "man $page: $(cat "$work/man.err")"
   grep -q "EXIT STATUS" "$work/page.txt" || fail "$page has no EXIT STATUS"
@@ -55,8 +49,7 @@ for program in "${programs[@]}"; do
 done
 grep -q "^ExecStart=$prefix/bin/sonderlark --live .*--pcm-output %t/sonderlark-beamformed-mic.pcm --event-output %S/sonderscope/sonderlark-live-event.json" "${units[0]}" ||
   fail "live unit"
-# systemd's own check of the units must find nothing to say (it needs a
-# runtime folder, and finds the man page of Documentation= through MANPATH).
+# systemd's check of the units finds nothing to say (with a runtime folder, and Documentation= on MANPATH).
 if command -v systemd-analyze >/dev/null 2>&1; then
   mkdir -m 700 "$work/run"
   said=$(XDG_RUNTIME_DIR="$work/run" MANPATH="$prefix/share/man" systemd-analyze --user verify "${units[@]}" 2>&1) || true
@@ -65,8 +58,7 @@ else
   echo "systemd-analyze not installed: the units are not verified"
 fi
 
-# Removed, it leaves no file (and, as a package, no folder of its own); in
-# a prefix, every file installed was listed in the manifest.
+# Removed, it leaves no file (a package no folder of its own; in a prefix, every file was in the manifest).
 if [ "$mode" = prefix ]; then
   xargs -d '\n' rm -f < "$work/files"
   left=$(find "$prefix" -type f)

@@ -66,17 +66,16 @@ def text(data):
 
 
 def source(what):
-    """File contents from "golden/NAME" (under tests/) or "text:CONTENT"; {now}
-    becomes the current time as a status record writes it."""
+    """File contents from "golden/NAME" (under tests/) or "text:CONTENT"; {now} becomes the current time as a status
+    record writes it."""
     data = what[5:].encode() if what.startswith("text:") else read(os.path.join(TESTS, what))
     return data.replace(b"{now}", time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime()).encode())
 
 
 def expand(value, run):
-    """{dir}: the run's folder; {tests}, {top}, {build}: the tests folder, the
-    source tree, the build; {env:NAME}: the variable NAME of the runner's
-    environment; {xHH}: the byte HH, which TOML cannot hold when it is not
-    UTF-8 (passed on as the bytes)."""
+    """{dir}: the run's folder; {tests}, {top}, {build}: the tests folder, the source tree, the build; {env:NAME}: the
+    variable NAME of the runner's environment; {xHH}: the byte HH, which TOML cannot hold when it is not UTF-8 (passed
+    on as the bytes)."""
     value = value.replace("{dir}", run["dir"]).replace("{tests}", TESTS).replace("{top}", TOP)
     value = value.replace("{build}", run["build"])
     value = re.sub(r"\{env:(\w+)\}", lambda m: os.environ.get(m.group(1), ""), value)
@@ -129,10 +128,9 @@ def simulate(run, args, folder=None, deadline=DEADLINE):
 
 
 def file_device(folder, infile):
-    """The ALSA device "sonderlark_array" under folder/config: ALSA's file
-    plugin reads its frames from `infile`. Returns the environment that names
-    it, with a private runtime folder (ALSA's PulseAudio plugin otherwise
-    leaves a /tmp/pulse-* folder behind)."""
+    """The ALSA device "sonderlark_array" under folder/config: ALSA's file plugin reads its frames from `infile`.
+    Returns the environment that names it, with a private runtime folder (ALSA's PulseAudio plugin otherwise leaves a
+    /tmp/pulse-* folder behind)."""
     config = os.path.join(folder, "config")
     write(os.path.join(config, "alsa", "asoundrc"), 'pcm.sonderlark_array {\n  type file\n  slave.pcm "null"\n'
           '  file "/dev/null"\n  infile "%s"\n  format "raw"\n}\n' % infile)
@@ -141,9 +139,8 @@ def file_device(folder, infile):
 
 
 def paced_device(run, folder, name="pacer"):
-    """The device of folder/frames.raw, paced at real time: a pacer writes the
-    frames into a FIFO and silence after them, so that a run reads the same
-    frames at any build's speed. One device serves one capture."""
+    """The device of folder/frames.raw, paced at real time: a pacer writes the frames into a FIFO and silence after
+    them, so that a run reads the same frames at any build's speed. One device serves one capture."""
     os.mkfifo(os.path.join(folder, "infile"), 0o600)
     spawn([os.path.join(TOP, "scripts", "try-live"), "pace", os.path.join(folder, "frames.raw"),
            os.path.join(folder, "infile"), "--once"], None, run, name)
@@ -162,8 +159,7 @@ def command(case, run):
 
 
 def execute(argv, env, cwd, stdin=None, deadline=DEADLINE):
-    """Runs argv to its end (killed by PID past the deadline), `stdin` its
-    input if given: status, stdout, stderr."""
+    """Runs argv to its end (killed by PID past the deadline), `stdin` its input if given: status, stdout, stderr."""
     with subprocess.Popen(argv, env=env, cwd=cwd, stdin=subprocess.DEVNULL if stdin is None else subprocess.PIPE,
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE) as child:
         try:
@@ -363,9 +359,8 @@ def command_lines(case, run):
 
 
 def stand_in(case, run):
-    """Live mode with the scripted arecord of tests/arecord_stand_in.sh, steered
-    by the case's plan; the log, the status file and what a reader saw at every
-    start against one golden."""
+    """Live mode with the scripted arecord of tests/arecord_stand_in.sh, steered by the case's plan; the log, the
+    status file and what a reader saw at every start against one golden."""
     d = run["dir"]
     for sub in ("bin", "record", "state"):
         os.makedirs(os.path.join(d, sub))
@@ -412,8 +407,8 @@ def stand_in(case, run):
 # Live mode on the real arecord, reading a file-backed ALSA device.
 
 def spawn(argv, env, run, name):
-    """Starts argv in the background, its output in NAME.out and NAME.err;
-    ended by PID at the end of the case if it is still running."""
+    """Starts argv in the background, its output in NAME.out and NAME.err; ended by PID at the end of the case if it
+    is still running."""
     with open(os.path.join(run["dir"], name + ".out"), "wb") as out, \
             open(os.path.join(run["dir"], name + ".err"), "wb") as err:
         child = subprocess.Popen(argv, env=env, cwd=run["dir"], stdin=subprocess.DEVNULL, stdout=out, stderr=err)
@@ -430,9 +425,8 @@ def finish(child):
 
 
 def wait_for(ready, what):
-    """Polls until ready() holds; only a hung run reaches the deadline. A
-    file ready() reads that is not there yet (a reader that has not made its
-    output file, on a busy machine) is not ready yet."""
+    """Polls until ready() holds; only a hung run reaches the deadline. A file ready() reads that is not there yet (a
+    reader that has not made its output file, on a busy machine) is not ready yet."""
     deadline = time.monotonic() + DEADLINE
     while True:
         try:
@@ -449,11 +443,9 @@ def file_text(path):
 
 
 def array_device(case, run):
-    """The device "sonderlark_array" of a simulated array (a source at 30
-    degrees: lag 4), playing `repeat` times the 4000 frames of a noise
-    recording. Paced, a pacer writes the frames at real time and silence
-    after them, so that a run reads the same frames at any build's speed;
-    unpaced, arecord reads them as fast as the tool takes them."""
+    """The device "sonderlark_array" of a simulated array (a source at 30 degrees: lag 4), playing `repeat` times the
+    4000 frames of a noise recording. Paced, a pacer writes the frames at real time and silence after them, so that a
+    run reads the same frames at any build's speed; unpaced, arecord reads them as fast as the tool takes them."""
     d = run["dir"]
     frames = os.path.join(d, "frames.raw")
     simulate(run, ["--input", os.path.join(TESTS, "golden/noise_lag5.wav"), "--lag", "4", "--repeat",
@@ -494,9 +486,8 @@ def library_beams(run, chunks):
 
 
 def fifo_reader(run, fifo, name):
-    """A reader copying the FIFO into the file NAME, returned once it waits in
-    open(). Its pipe is widened to 1 MiB, so that a moment off the CPU does not
-    make the writer drop samples."""
+    """A reader copying the FIFO into the file NAME, returned once it waits in open(). Its pipe is widened to 1 MiB,
+    so that a moment off the CPU does not make the writer drop samples."""
     child = spawn([sys.executable, "-c", "import fcntl, os, sys\nfd = os.open(sys.argv[1], os.O_RDONLY)\n"
                    "fcntl.fcntl(fd, 1031, 1 << 20)  # F_SETPIPE_SZ\nwith open(sys.argv[2], 'wb') as out:\n"
                    "    while data := os.read(fd, 65536):\n        out.write(data); out.flush()",
@@ -523,8 +514,8 @@ def finish_reader(child, fifo):
 
 
 def live_finite_run(case, run):
-    """A finite paced run into a regular file or a FIFO whose reader keeps up:
-    exactly the beams the library computes, chunk for chunk, and a clean end."""
+    """A finite paced run into a regular file or a FIFO whose reader keeps up: exactly the beams the library computes,
+    chunk for chunk, and a clean end."""
     env = array_device(case, run)
     pcm = os.path.join(run["dir"], "out.pcm")
     reader = None
@@ -549,9 +540,8 @@ def live_finite_run(case, run):
 
 
 def live_reader_returns(case, run):
-    """A continuous run: no reader, a reader that leaves, one that comes back;
-    each gets a run of whole chunks of the stream. Each phase waits for the
-    tool to report the one before, at whatever speed the machine has."""
+    """A continuous run: no reader, a reader that leaves, one that comes back; each gets a run of whole chunks of the
+    stream. Each phase waits for the tool to report the one before, at whatever speed the machine has."""
     env = array_device(case, run)
     d = run["dir"]
     fifo, log = os.path.join(d, "mic.pcm"), os.path.join(d, "status.log")
@@ -581,8 +571,8 @@ def live_reader_returns(case, run):
 
 
 def live_slow_reader(case, run):
-    """A reader that never reads: the pipe fills after 32 chunks. The run goes
-    on past 100 chunks with the reader still connected and stops cleanly."""
+    """A reader that never reads: the pipe fills after 32 chunks. The run goes on past 100 chunks with the reader
+    still connected and stops cleanly."""
     env = array_device(case, run)
     fifo = os.path.join(run["dir"], "mic.pcm")
     os.mkfifo(fifo, 0o600)
@@ -596,8 +586,8 @@ def live_slow_reader(case, run):
 
 
 def live_planted_pcm(case, run):
-    """Another user's FIFO, file or link at the PCM path in a shared sticky
-    folder never receives the audio; our own FIFO there does; a device is refused."""
+    """Another user's FIFO, file or link at the PCM path in a shared sticky folder never receives the audio; our own
+    FIFO there does; a device is refused."""
     if os.geteuid() != 0 or shutil.which("setpriv") is None:
         run["notes"].append("skipped: planting files as another user needs root and setpriv")
         return
@@ -626,8 +616,8 @@ def live_planted_pcm(case, run):
 
 
 def live_signal_stop(case, run):
-    """A signal ends a continuous or finite run cleanly once it has processed a
-    chunk; the monitor then shows a stopped run, not a stale one."""
+    """A signal ends a continuous or finite run cleanly once it has processed a chunk; the monitor then shows a
+    stopped run, not a stale one."""
     env = array_device(case, run)
     d = run["dir"]
     tool = spawn(live_argv(run, case["duration"], os.path.join(d, "out.pcm")), env, run, "tool")
@@ -655,9 +645,8 @@ def strict_json(data):
 
 
 def poll_status(path, stop, reads=0, distinct=0):
-    """Reads the status file as fast as it can until `stop` is set, or until it
-    has made `reads` reads and seen `distinct` different records: the counts of
-    reads, good records (20 members), partial ones and missing files."""
+    """Reads the status file as fast as it can until `stop` is set, or until it has made `reads` reads and seen
+    `distinct` different records: the counts of reads, good records (20 members), partial ones and missing files."""
     counts = dict.fromkeys(("reads", "good", "partial", "missing", "distinct"), 0)
     last = None
     while not stop.is_set() and not (reads and counts["reads"] >= reads and counts["distinct"] >= distinct):
@@ -677,10 +666,9 @@ def poll_status(path, stop, reads=0, distinct=0):
 
 
 def status_never_partial(case, run):
-    """A poller reading the status file as fast as it can, with a strict JSON
-    parser, against a continuous unpaced run (or the case's in-place writer,
-    which it must catch). Counts, not time: the poller ends by itself once it
-    has seen enough records."""
+    """A poller reading the status file as fast as it can, with a strict JSON parser, against a continuous unpaced run
+    (or the case's in-place writer, which it must catch). Counts, not time: the poller ends by itself once it has seen
+    enough records."""
     d = run["dir"]
     status_path, stop = os.path.join(d, "state/status.json"), threading.Event()
     with concurrent.futures.ThreadPoolExecutor(1) as pool:
@@ -754,10 +742,9 @@ def with_server(case, run, server_env):
 
 
 def start_recorder(case, run, env, wav):
-    """A recorder of the source at 16 kHz, returned once the server lists its
-    stream. The Pulse layer may list the source before the session manager can
-    link to it: pw-record then ends at once ("no node available") and is
-    started again. Both recorders stop on SIGINT with what they got written."""
+    """A recorder of the source at 16 kHz, returned once the server lists its stream. The Pulse layer may list the
+    source before the session manager can link to it: pw-record then ends at once ("no node available") and is started
+    again. Both recorders stop on SIGINT with what they got written."""
     argv = (["parecord", "-d", "sonderlark_mic", "--rate=16000", "--channels=1", "--format=s16le",
              "--latency-msec=500", "--file-format=wav", wav] if case["route"] == "pulseaudio" else
             ["pw-record", "--target", "sonderlark_mic", "--rate", "16000", "--channels", "1", "--format", "s16",
@@ -772,11 +759,10 @@ def start_recorder(case, run, env, wav):
 
 
 def received_in_order(got, want, chunk):
-    """How much of `want` arrives in `got`, bit for bit and in order; the
-    drops; a fault. Between its samples `got` may hold the source's own
-    silence (before the first beam, after the last, where the FIFO ran dry).
-    When the server falls behind, the tool drops the rest of a chunk: the
-    stream then goes on at a later chunk's first sample (a drop)."""
+    """How much of `want` arrives in `got`, bit for bit and in order; the drops; a fault. Between its samples `got`
+    may hold the source's own silence (before the first beam, after the last, where the FIFO ran dry). When the server
+    falls behind, the tool drops the rest of a chunk: the stream then goes on at a later chunk's first sample (a
+    drop)."""
     j = drops = 0
     for i, sample in enumerate(got):
         if j < len(want) and sample == want[j]:
@@ -818,8 +804,8 @@ def virtual_mic_bit_for_bit(case, run):
 
 
 def virtual_mic_server_restart(case, run):
-    """A continuous run while the server goes away and comes back: the reader
-    is lost and found again, and the status file keeps moving meanwhile."""
+    """A continuous run while the server goes away and comes back: the reader is lost and found again, and the status
+    file keeps moving meanwhile."""
     d = run["dir"]
     fifo = os.path.join(d, "mic.pcm")
     env = with_server(case, run, start_server(case, run, fifo))
@@ -841,8 +827,8 @@ def virtual_mic_server_restart(case, run):
 
 
 def mic_follows_server(case, run):
-    """sonderlark-mic through a restart of its PipeWire server: its source is
-    published again by itself; at the end its FIFO is gone."""
+    """sonderlark-mic through a restart of its PipeWire server: its source is published again by itself; at the end
+    its FIFO is gone."""
     d = run["dir"]
     fifo = os.path.join(d, "mic.pcm")
     start_server(case, run, fifo)
@@ -858,8 +844,7 @@ def mic_follows_server(case, run):
 
 
 def mic_makes_its_fifo(case, run):
-    """With no FIFO there, sonderlark-mic makes a private one, waits for a
-    server, and removes it at the end."""
+    """With no FIFO there, sonderlark-mic makes a private one, waits for a server, and removes it at the end."""
     d = run["dir"]
     env = prepare(case, run)
     mic = spawn([os.path.join(run["build"], "sonderlark-mic")], env, run, "mic")
@@ -872,8 +857,8 @@ def mic_makes_its_fifo(case, run):
 
 
 def doctor_virtual_mic(case, run):
-    """sonderlark-doctor against a real PulseAudio finds the pipe source loaded
-    in the private runtime folder by itself and checks it."""
+    """sonderlark-doctor against a real PulseAudio finds the pipe source loaded in the private runtime folder by
+    itself and checks it."""
     d = run["dir"]
     fifo = os.path.join(d, "server/run/sonderlark-beamformed-mic.pcm")
     env = with_server(case, run, start_server(case, run, fifo, case["settings"]))
@@ -885,8 +870,8 @@ def doctor_virtual_mic(case, run):
 
 
 def doctor_answer(case, out):
-    """The doctor's --json answer: the state of every check as the case says,
-    the problems counted, the channels' figures as numbers."""
+    """The doctor's --json answer: the state of every check as the case says, the problems counted, the channels'
+    figures as numbers."""
     answer = json.loads(out)
     check(answer["problems"] == sum(c["state"] == "problem" for c in answer["checks"]), "the problem count")
     states = " ".join(c["name"].replace(" ", "_") + "=" + c["state"] for c in answer["checks"])
@@ -901,10 +886,9 @@ def doctor_answer(case, out):
 
 
 def doctor_array(case, run):
-    """sonderlark-doctor on the real arecord, its file device playing what
-    sonderlark-sim made of noise bursts (the noise floor lies in the pauses)
-    with the case's faults; or four taps, one per microphone in turn, the
-    user pressing Enter; or silence."""
+    """sonderlark-doctor on the real arecord, its file device playing what sonderlark-sim made of noise bursts (the
+    noise floor lies in the pauses) with the case's faults; or four taps, one per microphone in turn, the user
+    pressing Enter; or silence."""
     d = run["dir"]
     def sim(source, options):
         simulate(run, ["--input", source, "--output", "part.raw", "--raw"] + options)
@@ -938,10 +922,9 @@ def doctor_array(case, run):
 
 
 def ordered_device_restores(run, env, answer, frames):
-    """The route device the answer gives puts every frame back in order,
-    recorded through the real arecord: each frame of the recording is a frame
-    of the device with channels 1 and 2 exchanged. (Through a route over a
-    file device, blocks of frames may come in another order.)"""
+    """The route device the answer gives puts every frame back in order, recorded through the real arecord: each frame
+    of the recording is a frame of the device with channels 1 and 2 exchanged. (Through a route over a file device,
+    blocks of frames may come in another order.)"""
     d = run["dir"]
     definition = [t[t.index("pcm."):] for t in answer["checks"][3]["details"] if "pcm.sonderlark_ordered" in t]
     check(definition == ['pcm.sonderlark_ordered { type route slave.pcm "sonderlark_array" slave.channels 4 '
@@ -968,8 +951,8 @@ def tmux(run, *args):
 
 
 def terminal(run, argv, width, height, env=None):
-    """A detached terminal of the given size running argv in the run's folder;
-    returns a function that reads its screen. Ended with the case."""
+    """A detached terminal of the given size running argv in the run's folder; returns a function that reads its
+    screen. Ended with the case."""
     argv = ["tmux", "-S", os.path.join(run["dir"], "tmux.sock"), "new-session", "-d", "-x", str(width), "-y",
             str(height), "-c", run["dir"]] + argv
     run["tmux"] = True
@@ -995,9 +978,8 @@ def needle_column(screen):
 
 
 def monitor_follows_live_run(case, run):
-    """The monitor watching a real live run whose source moves from -30 to
-    +48.59 degrees halfway; the run killed, its last record ages and the view
-    says so; a new run clears the banner. How soon is reported, not asserted."""
+    """The monitor watching a real live run whose source moves from -30 to +48.59 degrees halfway; the run killed, its
+    last record ages and the view says so; a new run clears the banner. How soon is reported, not asserted."""
     d = run["dir"]
     status_path = os.path.join(d, "state/status.json")
     live = lambda env, name: spawn([os.path.join(run["build"], "sonderlark"), "--live", "--device", "sonderlark_array",
@@ -1050,11 +1032,10 @@ def monitor_key_ends(case, run):
 
 
 def hostile_text_in_terminal(case, run):
-    """Text from outside as it reaches a real terminal: the monitor and the
-    doctor on records whose every string member (and the timestamp) carries a
-    title change, C1 controls and a right-to-left override, and the doctor on
-    a FIFO read by a process whose name is a title change. The pane's title
-    stays, no escape reaches the screen, each payload shows with '?'."""
+    """Text from outside as it reaches a real terminal: the monitor and the doctor on records whose every string
+    member (and the timestamp) carries a title change, C1 controls and a right-to-left override, and the doctor on a
+    FIFO read by a process whose name is a title change. The pane's title stays, no escape reaches the screen, each
+    payload shows with '?'."""
     d = run["dir"]
     prepare(case, run)
     hostile_name = os.path.join(d, "\x1b]2;PWNED-comm\x07")
@@ -1080,9 +1061,8 @@ def hostile_text_in_terminal(case, run):
 # The scripts of the README.
 
 def try_live(case, run):
-    """scripts/try-live's paced device: a live run through it, the monitor
-    following that run, and a second capture (the doctor) after it; stop
-    removes the folder."""
+    """scripts/try-live's paced device: a live run through it, the monitor following that run, and a second capture
+    (the doctor) after it; stop removes the folder."""
     d = run["dir"]
     run["try"], state = os.path.join(d, "try"), os.path.join(d, "try/status.json")
     env = dict(os.environ, XDG_RUNTIME_DIR=d, XDG_CONFIG_HOME=os.path.join(d, "try/config"))
@@ -1103,9 +1083,8 @@ def try_live(case, run):
 
 
 def server_stop_spares_strangers(case, run):
-    """scripts/sound-server stop with a PID list naming a process it did not
-    start: the right PID and name with another start time (a PID used again),
-    or the PID and name alone; the process survives both, and ends when the
+    """scripts/sound-server stop with a PID list naming a process it did not start: the right PID and name with
+    another start time (a PID used again), or the PID and name alone; the process survives both, and ends when the
     list gives its own start time."""
     d = run["dir"]
     stranger = spawn(["sleep", "300"], None, run, "stranger")
@@ -1143,9 +1122,8 @@ def outcome(case, build):
 
 
 def main():
-    """Cases run a few at a time (SONDERLARK_SCENARIO_JOBS, 3 by default, or
-    fewer where a case file says "jobs"): most of their time is spent waiting
-    for real-time devices."""
+    """Cases run a few at a time (SONDERLARK_SCENARIO_JOBS, 3 by default, or fewer where a case file says "jobs"):
+    most of their time is spent waiting for real-time devices."""
     build = os.path.abspath(sys.argv[1])
     cases = []
     jobs = int(os.environ.get("SONDERLARK_SCENARIO_JOBS", "3"))

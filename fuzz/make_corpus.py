@@ -1,8 +1,6 @@
 #!/usr/bin/env python3
-"""Writes the hand-made seed corpus of the WAV fuzz targets into fuzz/corpus.
-
-Each seed is described here field by field; rerun after changing a description.
-"""
+"""Writes the hand-made seed corpus of the WAV fuzz targets into fuzz/corpus. Each seed is described here field by
+field; rerun after changing a description."""
 import os
 import struct
 

@@ -1,7 +1,6 @@
 #!/bin/sh
-# A stand-in for arecord, installed first on PATH by the tests for failure
-# injection only (exit codes, signals, standard error text, early stops,
-# split parts). Everything it does is steered by environment variables:
+# A stand-in for arecord, first on PATH in the tests, for failure injection only (exit codes, signals, standard
+# error text, early stops, split parts). Everything it does is steered by environment variables:
 #   STAND_IN_DIR   where it keeps its records (starts, args, times, fds, zombies, snapshot.N)
 #   FIRST_FRAMES   file streamed to standard output by the first start
 #   FRAMES         file streamed by later starts (or by every start without FIRST_FRAMES)
@@ -10,6 +9,9 @@
 #   EXIT_CODE      exit code otherwise (default 0)
 #   STATUS_FILE    live status file, copied to snapshot.N at start N
 #   HANG           after the frames, stay alive sending nothing ("ignore-term": also ignore SIGTERM)
+#   PARTS          one-shot: files copied to the output file (the last argument), or with SPLIT to its
+#                  STEM-01.wav, STEM-02.wav, ...; then PLANT puts the next part there as someone racing the
+#                  capture would: a "fifo", a "link", or a copy given to the user nobody ("foreign")
 d=$STAND_IN_DIR
 n=$(( $(cat "$d/starts" 2>/dev/null || echo 0) + 1 ))
 echo "$n" > "$d/starts"
@@ -24,10 +26,6 @@ awk -v p="$tool" '$4 == p && $3 == "Z"' /proc/[0-9]*/stat 2>/dev/null | wc -l >>
 if [ -n "$STATUS_FILE" ] && [ -f "$STATUS_FILE" ]; then cp "$STATUS_FILE" "$d/snapshot.$n"; fi
 for fd in /proc/$$/fd/*; do readlink "$fd"; done > "$d/own_fds"
 
-# A one-shot capture: each file of PARTS copied to the output file (the
-# last argument), or with SPLIT to its STEM-01.wav, STEM-02.wav, ...; then
-# PLANT puts the next part there as someone racing the capture would: a
-# "fifo", a "link", or a copy given to the user nobody ("foreign").
 for last; do :; done
 stem=${last%.wav}
 parts=0

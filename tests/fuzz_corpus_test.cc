@@ -9,8 +9,6 @@
 #include <sys/stat.h>
 
 #include "analysis_text.h"
-#include "audio/wav.h"
-
 #include "support.h"
 #include "util/process.h"
 #include "util/text.h"

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <filesystem>
 #include <cstdio>
-#include <cstring>
+#include <bit>
 #include <limits>
 #include <random>
 
@@ -65,10 +65,7 @@ TEST(Fixed, WritesWhatPrintfWrites) {
                                 std::nan(""), -std::nan("")};
   std::mt19937_64 rng(11);
   for (int i = 0; i < 20000; ++i) {
-    uint64_t bits = rng();
-    double v;
-    std::memcpy(&v, &bits, sizeof v);
-    values.push_back(i % 2 ? v : std::ldexp(static_cast<double>(rng() % 100000), -static_cast<int>(rng() % 20)));
+    values.push_back(i % 2 ? std::bit_cast<double>(rng()) : std::ldexp(static_cast<double>(rng() % 100000), -static_cast<int>(rng() % 20)));
     values.push_back(std::nextafter(values.back(), 0.0));
   }
   for (const double v : values) {

@@ -24,11 +24,8 @@ TEST(DoctorDevice, BusyDeviceNamesItsHolders) {
   // The shell opens the file before it becomes sleep: wait for the name too.
   const std::vector<std::string> expected{std::to_string(holder) + " (sleep)"};
   std::vector<std::string> holders;
-  for (int i = 0; i < 6000 && holders != expected; ++i) {  // a minute at most
-    holders = processes_holding(tmp.path("pcmC7D"));
-    if (holders != expected) usleep(10000);
-  }
-  EXPECT_EQ(holders, expected);
+  for (int i = 0; i < 6000 && (holders = processes_holding(tmp.path("pcmC7D"))) != expected; ++i) usleep(10000);
+  EXPECT_EQ(holders, expected);  // within a minute
   kill(holder, SIGTERM);
   wait_child(holder);
   EXPECT_NE(device_check("hw:7,0", 1, "Device or resource busy", holders).details[0].find("held by "),

@@ -27,11 +27,6 @@ std::string dump(const LagResult& r) {
          num(r.second_correlation) + " confidence " + num(r.confidence) + "\n";
 }
 
-// Channel c hears the noise round(c x lag / 3) samples after channel 0.
-Channels delayed_noise(int lag, std::size_t n = 4096, uint32_t seed = 7) {
-  return test::array_noise(lag, n, 0.5, seed);
-}
-
 // Estimate, then the beam steered by it: what the one-shot run does.
 std::string estimate_and_beam(const Channels& channels) {
   const WavData data = record(channels);
@@ -40,10 +35,7 @@ std::string estimate_and_beam(const Channels& channels) {
 }
 
 DirectionEstimate steer(int32_t lag, bool low = false) {
-  DirectionEstimate d;
-  d.low_confidence = low;
-  d.lag_samples_ch0_to_ch3 = lag;
-  return d;
+  return {.lag_samples_ch0_to_ch3 = lag, .low_confidence = low};
 }
 
 std::string gain(const Channels& channels, double db) {
@@ -117,7 +109,7 @@ std::vector<Case> cases() {
   }});
   // Direction and beam.
   for (int lag = -8; lag <= 8; ++lag) {
-    c.push_back(Case{"noise with end-to-end lag " + std::to_string(lag), [lag] { return estimate_and_beam(delayed_noise(lag)); }});
+    c.push_back(Case{"noise with end-to-end lag " + std::to_string(lag), [lag] { return estimate_and_beam(test::array_noise(lag, 4096, 0.5, 7)); }});
   }
   c.push_back(Case{"one-sample steps, both ways; identical channels", [] {
     const std::vector<double> n = test::white_noise(2048, 0.3, 3);

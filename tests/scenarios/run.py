@@ -443,9 +443,7 @@ def array_device(case, run):
                    str(case["repeat"]), "--raw", "--output", frames])
     if not case.get("paced"):
         return prepare(dict(case, device_file="frames.raw"), run)
-    env = prepare(case, run)
-    env.update(paced_device(run, d))
-    return env
+    return {**prepare(case, run), **paced_device(run, d)}
 
 
 def live_argv(run, duration, pcm, *more):
@@ -472,8 +470,7 @@ def chunks_now(run):
 def library_beams(run, chunks):
     """What live mode must stream for the device's frames: chunk by chunk, computed with the library."""
     argv = [os.path.join(run["build"], "tests", "live_beams"), os.path.join(run["dir"], "frames.raw"), str(chunks)]
-    child = subprocess.run(argv, stdout=subprocess.PIPE, check=True, timeout=DEADLINE)
-    return child.stdout
+    return subprocess.run(argv, stdout=subprocess.PIPE, check=True, timeout=DEADLINE).stdout
 
 
 def fifo_reader(run, fifo, name):
@@ -722,10 +719,7 @@ def stop_server(run):
 
 def with_server(case, run, server_env):
     """The environment of a tool run: the array device's, reaching the server."""
-    env = array_device(case, run)
-    env.update(server_env)
-    env["XDG_CONFIG_HOME"] = os.path.join(run["dir"], "config")  # the device
-    return env
+    return {**array_device(case, run), **server_env, "XDG_CONFIG_HOME": os.path.join(run["dir"], "config")}
 
 
 def start_recorder(case, run, env, wav):

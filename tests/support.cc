@@ -68,12 +68,7 @@ std::vector<std::vector<double>> array_noise(int lag, std::size_t frames, double
 }
 
 WavData record(std::vector<std::vector<double>> channels, int32_t sample_rate, int32_t bits) {
-  WavData w;
-  w.sample_rate = sample_rate;
-  w.channels = static_cast<int32_t>(channels.size());
-  w.bits_per_sample = bits;
-  w.samples = std::move(channels);
-  return w;
+  return {sample_rate, static_cast<int32_t>(channels.size()), bits, std::move(channels)};
 }
 
 std::string pcm_wav(const std::vector<std::vector<double>>& channels, uint32_t rate, uint32_t bits) {
